@@ -1,0 +1,53 @@
+# How every target of the project is compiled, and the one function that makes its libraries.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 99)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo)
+endif()
+
+add_library(pegeir_compile INTERFACE)
+target_compile_options(
+  pegeir_compile
+  INTERFACE -Wall
+            -Wextra
+            -Wpedantic
+            -Werror
+            -Wshadow
+            -Wconversion
+            -Wsign-conversion
+            -Wformat=2
+            -Wundef
+            -Wcast-align
+            $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
+            $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>)
+if(PEGEIR_SANITIZE)
+  target_compile_options(pegeir_compile INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all
+                                                  -fno-omit-frame-pointer)
+  target_link_options(pegeir_compile INTERFACE -fsanitize=address,undefined)
+endif()
+
+# pegeir_add_library(name SOURCES ... [LINK ...]) makes name (shared) and name_static from the same
+# objects.
+function(pegeir_add_library name)
+  cmake_parse_arguments(ARG "" "OUTPUT_NAME" "SOURCES;INCLUDE;LINK" ${ARGN})
+  add_library(${name}_objects OBJECT ${ARG_SOURCES})
+  target_link_libraries(${name}_objects PRIVATE pegeir_compile PUBLIC ${ARG_LINK})
+  target_include_directories(${name}_objects PUBLIC ${ARG_INCLUDE})
+  foreach(kind SHARED STATIC)
+    set(target ${name})
+    if(kind STREQUAL STATIC)
+      set(target ${name}_static)
+    endif()
+    add_library(${target} ${kind} $<TARGET_OBJECTS:${name}_objects>)
+    target_link_libraries(${target} PRIVATE pegeir_compile PUBLIC ${ARG_LINK})
+    target_include_directories(${target} PUBLIC ${ARG_INCLUDE})
+    set_target_properties(${target} PROPERTIES OUTPUT_NAME ${ARG_OUTPUT_NAME})
+  endforeach()
+endfunction()
