@@ -1,0 +1,105 @@
+/*
+ * The Linux platform: processes of one user that talk through Unix datagram sockets.
+ *
+ * Each process has an id, its address in the message service, and a socket named after it in a
+ * runtime directory of mode 0700.  Who sent a datagram is told by the socket it came from; a sender of
+ * another user is refused.  Timers arrive as messages with receiver IID 3.  One event loop serves all
+ * of it: run it, or watch its file descriptor from a loop of your own.
+ *
+ * A process has at most one runtime, and all calls are made from one thread.  Together with
+ * libpegeir-linux the platform contract of pegeir/platform.h is complete.
+ */
+#ifndef PEGEIR_LINUX_H
+#define PEGEIR_LINUX_H
+
+#include <pegeir/platform.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/*
+ * Receives each message, from peers and from the timer service, and hands it to ND_LIB_MsgProcess or
+ * to whom it may concern.  message is the data area; it is valid during the call and released after
+ * it.
+ */
+typedef void (*PEGEIR_LinuxMessageFunc)(void *context, void *message);
+
+typedef struct PEGEIR_LinuxConfig {
+    uint32_t pid;          /* the id of this process, not 0 */
+    const char *directory; /* runtime directory, or null for the one of PEGEIR_LinuxDirectory */
+    PEGEIR_LinuxMessageFunc onMessage;
+    void *context; /* handed to onMessage */
+} PEGEIR_LinuxConfig;
+
+/* Returns the runtime directory that holds when none is given: $PEGEIR_RUNTIME_DIR, else
+ * $XDG_RUNTIME_DIR/pegeir, else /tmp/pegeir-<uid>.  The text is valid until the next call. */
+PEGEIR_PLATFORM_API const char *PEGEIR_LinuxDirectory(void);
+
+/*
+ * Opens the runtime: makes the directory with mode 0700 if it is not there, refuses one that is not
+ * ours alone, takes the id and listens.  *config is copied.
+ * Returns 0, or -1 with what is wrong, where and what to do about it as text in error (errorSize
+ * bytes, cut to fit).  An id in use by a living process is refused; what a dead one left behind is
+ * taken over.
+ */
+PEGEIR_PLATFORM_API int PEGEIR_LinuxOpen(const PEGEIR_LinuxConfig *config, char *error, size_t errorSize);
+
+/* Closes the runtime, removes the socket, deletes all timers.  Harmless when it is not open. */
+PEGEIR_PLATFORM_API void PEGEIR_LinuxClose(void);
+
+/* Returns a file descriptor that polls readable whenever PEGEIR_LinuxDispatch has something to do. */
+PEGEIR_PLATFORM_API int PEGEIR_LinuxFd(void);
+
+/* Waits up to timeoutMs milliseconds (0: not at all, -1: for ever) and handles what is there, a bounded
+ * amount at a time.  Returns 0, or -1 with errno when waiting failed; a signal is no failure. */
+PEGEIR_PLATFORM_API int PEGEIR_LinuxDispatch(int timeoutMs);
+
+/* Dispatches until PEGEIR_LinuxStop, which may be called from any callback.  Returns as Dispatch. */
+PEGEIR_PLATFORM_API int PEGEIR_LinuxRun(void);
+PEGEIR_PLATFORM_API void PEGEIR_LinuxStop(void);
+
+/* Tells that a peer has come (available 1) or gone (0). */
+typedef void (*PEGEIR_LinuxPeerFunc)(void *context, uint32_t peer, int available);
+
+/*
+ * Watches whether the process with id peer is there, however it ends.  onPeer is called from the event
+ * loop: soon after the call with available 1 if it is there, then on every change.  A peer that was
+ * replaced between two looks is reported gone and come.  Returns 0, or -1 with errno.
+ */
+PEGEIR_PLATFORM_API int PEGEIR_LinuxWatchPeer(uint32_t peer, PEGEIR_LinuxPeerFunc onPeer, void *context);
+
+/* Called once when a peer whose receive queue was full can take a message again, or is gone. */
+typedef void (*PEGEIR_LinuxWritableFunc)(void *context, uint32_t peer);
+
+/* Asks for one such call, in place of an earlier one for the same peer.  Returns 0, or -1 with errno
+ * when the peer is not there. */
+PEGEIR_PLATFORM_API int PEGEIR_LinuxWhenWritable(uint32_t peer, PEGEIR_LinuxWritableFunc onWritable,
+                                                 void *context);
+
+/* Called when fd is readable. */
+typedef void (*PEGEIR_LinuxFdFunc)(void *context, int fd);
+
+/* Add and remove a file descriptor of the caller's to the event loop; it stays the caller's.  Add
+ * returns 0, or -1 with errno.  Remove may be called from any callback. */
+PEGEIR_PLATFORM_API int PEGEIR_LinuxAddFd(int fd, PEGEIR_LinuxFdFunc onReadable, void *context);
+PEGEIR_PLATFORM_API void PEGEIR_LinuxRemoveFd(int fd);
+
+/* Called for each failed assertion of the library in place of the default, a line on standard error;
+ * null restores the default. */
+typedef void (*PEGEIR_LinuxAssertFunc)(const char *source, uint32_t line, uint32_t value);
+PEGEIR_PLATFORM_API void PEGEIR_LinuxOnAssert(PEGEIR_LinuxAssertFunc onAssert);
+
+/* Error codes of ZEP_SEND_MSG on this platform. */
+enum {
+    PEGEIR_LINUX_SEND_FULL = 1,     /* the peer cannot take a message now */
+    PEGEIR_LINUX_SEND_NO_PEER = 2,  /* no process has that id */
+    PEGEIR_LINUX_SEND_TOO_LONG = 3, /* the message exceeds what a datagram carries */
+    PEGEIR_LINUX_SEND_FAILED = 4    /* anything else; errno tells */
+};
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
