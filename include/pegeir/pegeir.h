@@ -44,7 +44,7 @@
 
 #if defined(__GNUC__)
 #define ND_LIB_API __attribute__((visibility("default")))
-#define ND_LIB_PRINTF(format, first) __attribute__((format(printf, format, first)))
+#define ND_LIB_PRINTF(text, first) __attribute__((format(printf, text, first)))
 #define ND_LIB_PACKED __attribute__((packed))
 #define ND_LIB_NODISCARD __attribute__((warn_unused_result))
 #else

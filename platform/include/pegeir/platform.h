@@ -19,10 +19,10 @@
 
 #if defined(__GNUC__)
 #define PEGEIR_PLATFORM_API __attribute__((visibility("default")))
-#define PEGEIR_PLATFORM_PRINTF(format, first) __attribute__((format(printf, format, first)))
+#define PEGEIR_PLATFORM_PRINTF(text, first) __attribute__((format(printf, text, first)))
 #else
 #define PEGEIR_PLATFORM_API
-#define PEGEIR_PLATFORM_PRINTF(format, first)
+#define PEGEIR_PLATFORM_PRINTF(text, first)
 #endif
 
 #ifdef __cplusplus
