@@ -33,19 +33,28 @@ if(PEGEIR_SANITIZE)
   target_link_options(pegeir_compile INTERFACE -fsanitize=address,undefined)
 endif()
 
-# pegeir_add_library(name SOURCES ... [LINK ...]) makes name (shared) and name_static from the same
-# objects.
+# pegeir_add_library(name SOURCES ... [OBJECTS ...] [INCLUDE ...] [LINK ...] [OUTPUT_NAME ...]) makes
+# name (shared) and name_static from the same objects; OBJECTS names object libraries whose objects
+# become part of both.
 function(pegeir_add_library name)
-  cmake_parse_arguments(ARG "" "OUTPUT_NAME" "SOURCES;INCLUDE;LINK" ${ARGN})
+  cmake_parse_arguments(ARG "" "OUTPUT_NAME" "SOURCES;OBJECTS;INCLUDE;LINK" ${ARGN})
+  if(NOT ARG_OUTPUT_NAME)
+    set(ARG_OUTPUT_NAME ${name})
+  endif()
   add_library(${name}_objects OBJECT ${ARG_SOURCES})
   target_link_libraries(${name}_objects PRIVATE pegeir_compile PUBLIC ${ARG_LINK})
   target_include_directories(${name}_objects PUBLIC ${ARG_INCLUDE})
+  set(objects $<TARGET_OBJECTS:${name}_objects>)
+  foreach(library IN LISTS ARG_OBJECTS)
+    list(APPEND objects $<TARGET_OBJECTS:${library}>)
+    target_include_directories(${name}_objects PRIVATE $<TARGET_PROPERTY:${library},INTERFACE_INCLUDE_DIRECTORIES>)
+  endforeach()
   foreach(kind SHARED STATIC)
     set(target ${name})
     if(kind STREQUAL STATIC)
       set(target ${name}_static)
     endif()
-    add_library(${target} ${kind} $<TARGET_OBJECTS:${name}_objects>)
+    add_library(${target} ${kind} ${objects})
     target_link_libraries(${target} PRIVATE pegeir_compile PUBLIC ${ARG_LINK})
     target_include_directories(${target} PUBLIC ${ARG_INCLUDE})
     set_target_properties(${target} PROPERTIES OUTPUT_NAME ${ARG_OUTPUT_NAME})
