@@ -45,7 +45,8 @@ PEGEIR_PLATFORM_API const char *PEGEIR_LinuxDirectory(void);
  */
 PEGEIR_PLATFORM_API int PEGEIR_LinuxOpen(const PEGEIR_LinuxConfig *config, char *error, size_t errorSize);
 
-/* Closes the runtime, removes the socket, deletes all timers.  Harmless when it is not open. */
+/* Closes the runtime, removes the socket, deletes all timers: release library instances before, or they
+ * cannot find theirs.  May be called from any callback; harmless when it is not open. */
 PEGEIR_PLATFORM_API void PEGEIR_LinuxClose(void);
 
 /* Returns a file descriptor that polls readable whenever PEGEIR_LinuxDispatch has something to do. */
@@ -55,7 +56,8 @@ PEGEIR_PLATFORM_API int PEGEIR_LinuxFd(void);
  * amount at a time.  Returns 0, or -1 with errno when waiting failed; a signal is no failure. */
 PEGEIR_PLATFORM_API int PEGEIR_LinuxDispatch(int timeoutMs);
 
-/* Dispatches until PEGEIR_LinuxStop, which may be called from any callback.  Returns as Dispatch. */
+/* Dispatches until PEGEIR_LinuxStop, which may be called from any callback, or until the runtime is
+ * closed.  Returns as Dispatch. */
 PEGEIR_PLATFORM_API int PEGEIR_LinuxRun(void);
 PEGEIR_PLATFORM_API void PEGEIR_LinuxStop(void);
 
@@ -65,7 +67,8 @@ typedef void (*PEGEIR_LinuxPeerFunc)(void *context, uint32_t peer, int available
 /*
  * Watches whether the process with id peer is there, however it ends.  onPeer is called from the event
  * loop: soon after the call with available 1 if it is there, then on every change.  A peer that was
- * replaced between two looks is reported gone and come.  Returns 0, or -1 with errno.
+ * replaced between two looks is reported gone and come.  A later call for the same peer takes the place
+ * of an earlier one; a null onPeer ends the watch.  Returns 0, or -1 with errno.
  */
 PEGEIR_PLATFORM_API int PEGEIR_LinuxWatchPeer(uint32_t peer, PEGEIR_LinuxPeerFunc onPeer, void *context);
 
@@ -89,6 +92,12 @@ PEGEIR_PLATFORM_API void PEGEIR_LinuxRemoveFd(int fd);
  * null restores the default. */
 typedef void (*PEGEIR_LinuxAssertFunc)(const char *source, uint32_t line, uint32_t value);
 PEGEIR_PLATFORM_API void PEGEIR_LinuxOnAssert(PEGEIR_LinuxAssertFunc onAssert);
+
+/* Called with a line about something refused or lost (a message of a stranger, a cleared directory) in
+ * place of the default, which writes it to standard error; null restores the default.  Refused messages
+ * are counted and reported every few seconds at most. */
+typedef void (*PEGEIR_LinuxReportFunc)(const char *line);
+PEGEIR_PLATFORM_API void PEGEIR_LinuxOnReport(PEGEIR_LinuxReportFunc onReport);
 
 /* Error codes of ZEP_SEND_MSG on this platform. */
 enum {

@@ -1,0 +1,204 @@
+/*
+ * The one runtime of the process, and the operations of pegeir/linux.h.
+ */
+#include "linux_platform.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+namespace pegeir::linux_platform {
+namespace {
+
+std::shared_ptr<Runtime> g_runtime;
+volatile std::sig_atomic_t g_stop = 0;
+PEGEIR_LinuxReportFunc g_onReport = nullptr;
+
+} // namespace
+
+std::shared_ptr<Runtime> CurrentRuntime() {
+    return g_runtime;
+}
+
+void Report(const std::string &line) {
+    if (g_onReport != nullptr)
+        g_onReport(line.c_str());
+    else
+        std::fprintf(stderr, "pegeir: %s\n", line.c_str());
+}
+
+std::string ErrnoText(const std::string &what) {
+    return what + ": " + std::strerror(errno);
+}
+
+Runtime::Runtime(const PEGEIR_LinuxConfig &given) : config(given), inbox(*this), peers(*this) {
+    config.directory = nullptr; /* the caller's; directory holds what it led to */
+}
+
+bool Runtime::Open(const std::string &wanted, std::string &error) {
+    wanted_ = wanted;
+    if (!PrepareDirectory(wanted_, directory, error) || !identity.Take(directory, config.pid, error))
+        return false;
+    if (loop.Open() && Listen() && Housekeep())
+        return true;
+    error = ErrnoText("cannot set up the event loop");
+    identity.Release();
+    return false;
+}
+
+void Runtime::Close() {
+    closed = true;
+    loop.RemoveAll();
+    peers.Clear();
+    identity.Release();
+}
+
+void Runtime::Deliver(uint8_t *message) {
+    config.onMessage(config.context, message);
+    FreeMessage(message);
+}
+
+bool Runtime::Listen() {
+    return loop.Add(identity.Socket(), EPOLLIN, [this] { inbox.Receive(); });
+}
+
+bool Runtime::Housekeep() {
+    using namespace std::chrono_literals;
+    loop.Remove(housekeeping_.Get());
+    housekeeping_ = MakeTimer(peers.Watching() ? 200ms : 1000ms, 1ns);
+    return housekeeping_.Valid() && loop.Add(housekeeping_.Get(), EPOLLIN, [this] {
+        ReadTimer(housekeeping_.Get());
+        LookAround();
+    });
+}
+
+void Runtime::LookAround() {
+    inbox.ReportRefusals();
+    if (!identity.Intact())
+        Recover();
+    if (!closed)
+        peers.LookAtAll();
+}
+
+/* Somebody cleared the directory: nobody can reach us until we stand in it again. */
+void Runtime::Recover() {
+    std::string error;
+    loop.Remove(identity.Socket());
+    identity.Release();
+    if (PrepareDirectory(wanted_, directory, error) && identity.Take(directory, config.pid, error) &&
+        Listen()) {
+        lost_ = false;
+        Report("runtime directory " + directory + ": was cleared; id " + std::to_string(config.pid) +
+               " is there again");
+    } else if (!lost_) {
+        lost_ = true;
+        Report(error + "; nobody reaches id " + std::to_string(config.pid) + " until then");
+    }
+}
+
+} // namespace pegeir::linux_platform
+
+using namespace pegeir::linux_platform;
+
+namespace {
+
+/* Returns the open runtime, or null with errno. */
+std::shared_ptr<Runtime> OpenRuntime() {
+    if (!g_runtime)
+        errno = ENOTCONN;
+    return g_runtime;
+}
+
+} // namespace
+
+const char *PEGEIR_LinuxDirectory(void) {
+    static std::string directory;
+    const char *const own = std::getenv("PEGEIR_RUNTIME_DIR");
+    const char *const user = std::getenv("XDG_RUNTIME_DIR");
+    if (own != nullptr && *own != '\0')
+        directory = own;
+    else if (user != nullptr && *user != '\0')
+        directory = std::string(user) + "/pegeir";
+    else
+        directory = "/tmp/pegeir-" + std::to_string(geteuid());
+    return directory.c_str();
+}
+
+int PEGEIR_LinuxOpen(const PEGEIR_LinuxConfig *config, char *error, size_t errorSize) {
+    std::string text;
+    if (g_runtime) {
+        text = "the runtime is open already; close it first";
+    } else if (config == nullptr || config->pid == 0 || config->onMessage == nullptr) {
+        text = "the configuration lacks a process id other than 0 or the message callback";
+    } else {
+        const char *const given = config->directory;
+        auto runtime = std::make_shared<Runtime>(*config);
+        if (runtime->Open(given != nullptr ? given : PEGEIR_LinuxDirectory(), text)) {
+            g_stop = 0;
+            g_runtime = std::move(runtime);
+            return 0;
+        }
+    }
+    if (error != nullptr && errorSize != 0)
+        std::snprintf(error, errorSize, "%s", text.c_str());
+    return -1;
+}
+
+void PEGEIR_LinuxClose(void) {
+    if (!g_runtime)
+        return;
+    DeleteAllTimers();
+    g_runtime->Close();
+    g_runtime.reset();
+}
+
+int PEGEIR_LinuxFd(void) {
+    const auto runtime = OpenRuntime();
+    return runtime ? runtime->loop.PollFd() : -1;
+}
+
+int PEGEIR_LinuxDispatch(int timeoutMs) {
+    const auto runtime = OpenRuntime();
+    return runtime ? runtime->loop.Dispatch(timeoutMs) : -1;
+}
+
+int PEGEIR_LinuxRun(void) {
+    int result = OpenRuntime() ? 0 : -1;
+    while (result == 0 && g_stop == 0 && g_runtime)
+        result = PEGEIR_LinuxDispatch(-1);
+    g_stop = 0;
+    return result;
+}
+
+void PEGEIR_LinuxStop(void) {
+    g_stop = 1;
+}
+
+int PEGEIR_LinuxWatchPeer(uint32_t peer, PEGEIR_LinuxPeerFunc onPeer, void *context) {
+    const auto runtime = OpenRuntime();
+    return runtime ? runtime->peers.Watch(peer, onPeer, context) : -1;
+}
+
+int PEGEIR_LinuxWhenWritable(uint32_t peer, PEGEIR_LinuxWritableFunc onWritable, void *context) {
+    const auto runtime = OpenRuntime();
+    return runtime ? runtime->peers.WhenWritable(peer, onWritable, context) : -1;
+}
+
+int PEGEIR_LinuxAddFd(int fd, PEGEIR_LinuxFdFunc onReadable, void *context) {
+    const auto runtime = OpenRuntime();
+    const auto call = [fd, onReadable, context] { onReadable(context, fd); };
+    return runtime && runtime->loop.Add(fd, EPOLLIN, call) ? 0 : -1;
+}
+
+void PEGEIR_LinuxRemoveFd(int fd) {
+    if (g_runtime)
+        g_runtime->loop.Remove(fd);
+}
+
+void PEGEIR_LinuxOnReport(PEGEIR_LinuxReportFunc onReport) {
+    g_onReport = onReport;
+}
