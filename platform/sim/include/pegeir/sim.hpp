@@ -21,7 +21,7 @@
 //         world.AttachTimers(frame.timerHandle, feed); // its timer messages
 //         ND_LIB_RegisterConsumer(nd, &consumer);
 //
-//         world.Fail({.op = sim::Op::kSend, .from = 1, .count = 1});
+//         world.FailNext(sim::Op::kSend);
 //         const ND_LIB_CompState up = {0, ND_LIB_COMP_AVAILABLE};
 //         ND_LIB_NotifyNdCompState(nd, &up);
 //         const bool refused = world.TakeSent().empty();
@@ -164,7 +164,10 @@ public:
     // -- Faults
 
     // Adds a rule; several may hold at once, the oldest that hits decides.
+    // Throws std::invalid_argument for a rule that makes no sense.
     FaultId Fail(const Fault &fault);
+    // Makes the next `count` calls of op fail.
+    FaultId FailNext(Op op, std::uint64_t count = 1);
     // Takes back one rule, or all of them.
     void Lift(FaultId id);
     void LiftAll();

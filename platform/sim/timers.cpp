@@ -1,0 +1,178 @@
+// The timer service: handles, periodic timers, and their expiry messages.
+//
+// A timer message carries the timer's id and is only a hint: the timer is looked up again when the
+// message is processed, so that one deleted in between expires no more.
+
+#include "state.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace pegeir::sim {
+namespace {
+
+constexpr std::array<std::uint32_t, 3> kInstanceParams = {1, 120, 500};
+constexpr std::uint32_t kExpiryValue = 0xE7E7E7E7; // "without meaning": noticed where it is used
+
+using Timers = std::map<std::uint32_t, Timer>;
+
+Timers::const_iterator Earliest(const State &state) {
+    return std::min_element(
+        state.timers.begin(), state.timers.end(),
+        [](const auto &left, const auto &right) { return left.second.dueMs < right.second.dueMs; });
+}
+
+Record ExpiryMessage(const State &state, std::uint32_t timerId, const Timer &timer) {
+    Record record;
+    record.receiver = state.timerLibs.at(state.timerInstances.at(timer.instance)).timerHandle;
+    record.intf = record.subIntf = 0;
+    record.iid = kTimerIid;
+    record.bytes.resize(sizeof timerId);
+    std::memcpy(record.bytes.data(), &timerId, sizeof timerId);
+    return record;
+}
+
+void DropInstance(State &state, std::uint32_t instance) {
+    std::erase_if(state.timers, [instance](const auto &timer) { return timer.second.instance == instance; });
+    state.timerInstances.erase(instance);
+}
+
+} // namespace
+
+std::uint64_t NextExpiryMs(const State &state) {
+    const auto next = Earliest(state);
+    return next == state.timers.end() ? kForever : next->second.dueMs;
+}
+
+void ExpireTimers(State &state, std::uint64_t untilMs) {
+    while (NextExpiryMs(state) <= untilMs) {
+        const auto id = Earliest(state)->first;
+        Timer &timer = state.timers.at(id);
+        Enqueue(state, ExpiryMessage(state, id, timer), true, timer.dueMs);
+        timer.dueMs += timer.periodMs;
+    }
+}
+
+std::string TimerLeaks(const State &state) {
+    std::string text;
+    for (const auto &[what, number] : {std::pair{"timer library", state.timerLibs.size()},
+                                       std::pair{"timer instance", state.timerInstances.size()},
+                                       std::pair{"timer", state.timers.size()}}) {
+        if (number > 0) {
+            text += std::string(what) + ": " + std::to_string(number) + "\n";
+        }
+    }
+    return text;
+}
+
+} // namespace pegeir::sim
+
+using namespace pegeir::sim;
+
+uint32_t APPTMR_CreateLib2(uint32_t timerHandle, APPTMR_ExpiryFunc expiry, uint32_t) {
+    State &state = Here();
+    if (CountCall(state, Op::kTimerCreateLib)) {
+        return 0;
+    }
+    if (expiry == nullptr) {
+        Violation(state, "APPTMR_CreateLib2 without an expiry callback");
+        return 0;
+    }
+    state.timerLibs[++state.lastTimerId] = {timerHandle, expiry};
+    return state.lastTimerId;
+}
+
+uint32_t APPTMR_CreateInstance(uint32_t lib, const uint32_t *params) {
+    State &state = Here();
+    if (CountCall(state, Op::kTimerCreateInstance)) {
+        return 0;
+    }
+    if (!state.timerLibs.contains(lib) || params == nullptr ||
+        !std::equal(kInstanceParams.begin(), kInstanceParams.end(), params)) {
+        Violation(state, "APPTMR_CreateInstance in an unknown library, or without 1, 120, 500");
+        return 0;
+    }
+    state.timerInstances[++state.lastTimerId] = lib;
+    return state.lastTimerId;
+}
+
+uint32_t APPTMR_CreatePeriodTimer(uint32_t instance, uint32_t periodMs, uint32_t zero, void *param,
+                                  uint32_t) {
+    State &state = Here();
+    if (CountCall(state, Op::kTimerCreate) || instance == 0) {
+        return 0;
+    }
+    if (!state.timerInstances.contains(instance) || periodMs == 0 || zero != 0) {
+        Violation(state, "APPTMR_CreatePeriodTimer in an unknown instance, or with a bad argument");
+        return 0;
+    }
+    state.timers[++state.lastTimerId] = {instance, periodMs, state.uptimeMs + periodMs, param};
+    return state.lastTimerId;
+}
+
+void *APPTMR_GetTimerParam(uint32_t instance, uint32_t timerId) {
+    const State &state = Here();
+    const auto found = state.timers.find(timerId);
+    return found == state.timers.end() || found->second.instance != instance ? nullptr : found->second.param;
+}
+
+uint32_t APPTMR_DeleteTimer(uint32_t instance, uint32_t timerId) {
+    State &state = Here();
+    if (const auto failure = CountCall(state, Op::kTimerDelete)) {
+        return failure->code;
+    }
+    const auto found = state.timers.find(timerId);
+    if (found == state.timers.end() || found->second.instance != instance) {
+        return kRefused;
+    }
+    state.timers.erase(found);
+    return 0;
+}
+
+uint32_t APPTMR_LibRcvMsg(uint32_t lib, void *message, uint32_t, void *arg) {
+    State &state = Here();
+    const LiveMessage *live = FindMessage(state, message, "APPTMR_LibRcvMsg");
+    uint32_t timerId = 0;
+    if (live == nullptr || live->envelope.iid != kTimerIid || live->size != sizeof timerId ||
+        !state.timerLibs.contains(lib)) {
+        return kRefused;
+    }
+    std::memcpy(&timerId, message, sizeof timerId);
+    const auto found = state.timers.find(timerId);
+    if (found == state.timers.end()) {
+        return 0;
+    }
+    if (state.timerInstances.at(found->second.instance) != lib) {
+        return kRefused;
+    }
+    state.timerLibs.at(lib).expiry(timerId, kExpiryValue, found->second.param, arg);
+    return 0;
+}
+
+void APPTMR_DeleteInstance(uint32_t instance) {
+    State &state = Here();
+    if (!state.timerInstances.contains(instance)) {
+        Violation(state, "APPTMR_DeleteInstance of an unknown instance");
+        return;
+    }
+    DropInstance(state, instance);
+}
+
+void APPTMR_DeleteLib(uint32_t lib) {
+    State &state = Here();
+    if (state.timerLibs.erase(lib) == 0) {
+        Violation(state, "APPTMR_DeleteLib of an unknown library");
+        return;
+    }
+    std::vector<uint32_t> left;
+    for (const auto &[instance, owner] : state.timerInstances) {
+        if (owner == lib) {
+            left.push_back(instance);
+        }
+    }
+    for (const uint32_t instance : left) {
+        Violation(state, "APPTMR_DeleteLib of a library that still has an instance");
+        DropInstance(state, instance);
+    }
+}
