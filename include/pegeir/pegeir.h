@@ -74,11 +74,7 @@ enum {
 /* ---- Creating an instance -------------------------------------------------------------------- */
 
 /* Levels of the log function. */
-enum {
-    ND_LIB_LOG_FAILURE = 0,
-    ND_LIB_LOG_DETAIL = 2,
-    ND_LIB_LOG_EVENT = 3
-};
+enum { ND_LIB_LOG_FAILURE = 0, ND_LIB_LOG_DETAIL = 2, ND_LIB_LOG_EVENT = 3 };
 
 /*
  * The consumer's log function.  format is printf-like and always begins

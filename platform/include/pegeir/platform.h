@@ -210,7 +210,7 @@ enum { BLACK_BOX_LINE_SIZE = 256 };
  */
 typedef struct BlackBoxHead {
     uint32_t reserved1;
-    uint32_t usable;       /* byte offset 4 */
+    uint32_t usable; /* byte offset 4 */
     uint32_t reserved2[4];
     char line[BLACK_BOX_LINE_SIZE]; /* byte offset 24 */
 } BlackBoxHead;
@@ -257,8 +257,8 @@ PEGEIR_PLATFORM_API int memset_s(void *destination, size_t destinationSize, int 
  */
 PEGEIR_PLATFORM_API int snprintf_truncated_s(char *text, size_t size, const char *format, ...)
     PEGEIR_PLATFORM_PRINTF(3, 4);
-PEGEIR_PLATFORM_API int vsnprintf_truncated_s(char *text, size_t size, const char *format,
-                                              va_list arguments) PEGEIR_PLATFORM_PRINTF(3, 0);
+PEGEIR_PLATFORM_API int vsnprintf_truncated_s(char *text, size_t size, const char *format, va_list arguments)
+    PEGEIR_PLATFORM_PRINTF(3, 0);
 
 /* memcmp and strcmp. */
 PEGEIR_PLATFORM_API int KAL_MemCmp(const void *left, const void *right, size_t count);

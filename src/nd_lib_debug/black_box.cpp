@@ -1,0 +1,242 @@
+// The two trace boxes.
+//
+//   line  := stamp text LF                     at most 255 bytes
+//   stamp := M-D h:m:s:ms [zone] SP            local time, no leading zeros
+//   zone  := "-" hh ":" mm                     distance to GMT, left out when there is none
+//
+// A line is formatted in the box's own line buffer and written with one call.
+
+#include "nd_lib/nd_lib.h"
+
+#include <cstdarg>
+
+using pegeir::kDebugModule;
+
+namespace {
+
+constexpr uint32_t kBytesPerUnit = 1024;
+constexpr uint16_t kInitSize = 10;
+constexpr uint16_t kStepSize = 10;
+constexpr uint16_t kMaxSize = 100;
+
+constexpr uint32_t kSecondsPerHour = 3600;
+constexpr uint32_t kSecondsPerMinute = 60;
+constexpr uint32_t kSecondsPerDay = 86400;
+
+uint32_t SecondsIntoDay(const SysTime &time) {
+    return kSecondsPerHour * time.hour + kSecondsPerMinute * time.minute + time.second;
+}
+
+// Formats the stamp of the present moment into line.  Returns its length, or a negative value.
+int FormatStamp(ND_LIB_BlackBoxLine &line) {
+    SysTime gmt = {};
+    if (ZEP_GMT_SystimeGet(&gmt) != 0) {
+        return -1;
+    }
+    SysTime local = {};
+    uint32_t flag = 1;
+    (void)ZEP_Gmt2LocalTime(&gmt, &local, &flag);
+    ND_LIB_BlackBoxLine zone = {};
+    (void)ND_LIB_GetTimeZone(gmt, local, zone, sizeof(zone));
+    if (KAL_StrCmp(zone, "-00:00") == 0) {
+        zone[0] = '\0';
+    }
+    return snprintf_truncated_s(line, sizeof(line), "%u-%u %u:%u:%u:%u%s ", local.month, local.day,
+                                local.hour, local.minute, local.second, local.millisecond, zone);
+}
+
+// ---- Growing ----
+
+// The box that is to be replaced, and what is needed to leave it as it was found.
+struct OldBox {
+    void *handle;
+    uint32_t content;  // bytes stored
+    uint32_t position; // bytes that the diagnose pass under way has read
+};
+
+// Reads on to the end, so that the next read begins at the oldest line; *unread is how much there was.
+bool ReadToEnd(void *box, char *buffer, uint32_t size, uint32_t *unread) {
+    *unread = 0;
+    for (;;) {
+        const int32_t count = ReadBlockFromBlackBox(box, buffer, size);
+        if (count <= 0) {
+            return count == 0;
+        }
+        *unread += static_cast<uint32_t>(count);
+    }
+}
+
+// Reads bytes that nobody needs, from the oldest line on.
+bool Skip(void *box, char *buffer, uint32_t size, uint32_t bytes) {
+    while (bytes != 0) {
+        const int32_t count = ReadBlockFromBlackBox(box, buffer, bytes < size ? bytes : size);
+        if (count <= 0) {
+            return false;
+        }
+        bytes -= static_cast<uint32_t>(count);
+    }
+    return true;
+}
+
+// Copies the lines and the read position of the old box.  A copy that cannot be whole is none: the
+// caller keeps the old box, which then stands where it stood, as far as it can be read.
+bool CopyBox(OldBox &old, void *newBox, char *buffer, uint32_t size) {
+    uint32_t unread = 0;
+    if (!ReadToEnd(old.handle, buffer, size, &unread) || unread > old.content) {
+        return false;
+    }
+    old.position = old.content - unread;
+    const int32_t copied = ReadBlockFromBlackBox(old.handle, buffer, old.content);
+    if (copied >= 0 && static_cast<uint32_t>(copied) == old.content &&
+        WriteBlackBox(newBox, buffer, old.content) >= 0 && Skip(newBox, buffer, size, old.position)) {
+        return true;
+    }
+    if (ReadToEnd(old.handle, buffer, size, &unread)) {
+        (void)Skip(old.handle, buffer, size, old.position);
+    }
+    return false;
+}
+
+} // namespace
+
+const char *const g_ndLibBlackBoxName[ND_LIB_BLACKBOX_MAX + 1] = {
+    "Blackbox assert",
+    "Blackbox info",
+    "Blackbox max",
+};
+
+void ND_LIB_BlackboxInit(ND_LIB_Instance *instance) {
+    for (ND_LIB_BlackBoxDesc &desc : instance->blackBox) {
+        desc = {nullptr, kInitSize, kStepSize, kInitSize, kMaxSize};
+    }
+}
+
+void ND_LIB_BlackboxFree(ND_LIB_Instance *instance) {
+    for (ND_LIB_BlackBoxDesc &desc : instance->blackBox) {
+        if (desc.bbHandle != nullptr) {
+            DestroyBlackBox(desc.bbHandle);
+            desc.bbHandle = nullptr;
+        }
+    }
+}
+
+void ND_LIB_BlackBox(ND_LIB_Instance *instance, uint32_t box, const char *format, ...) {
+    if (instance == nullptr || box >= ND_LIB_BLACKBOX_MAX) {
+        return;
+    }
+    ND_LIB_BlackBoxDesc &desc = instance->blackBox[box];
+    if (desc.bbHandle == nullptr) {
+        desc.bbHandle = CreateBlackBox(desc.initSize * kBytesPerUnit, instance->memHandle);
+        if (desc.bbHandle == nullptr) {
+            return; // the next line tries again
+        }
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    (void)ND_LIB_WriteBlackBoxEx(box, instance, format, arguments);
+    va_end(arguments);
+}
+
+int32_t ND_LIB_WriteBlackBoxEx(uint32_t box, ND_LIB_Instance *instance, const char *format,
+                               va_list arguments) {
+    if (box >= ND_LIB_BLACKBOX_MAX) {
+        return 0;
+    }
+    ND_LIB_BlackBoxDesc &desc = instance->blackBox[box];
+    if (ND_LIB_CheckBlackBoxNeedExpand(&desc) != 0) {
+        ND_LIB_ExpandBlackBox(&desc, instance);
+    }
+    return ND_LIB_WriteBlackBox(desc.bbHandle, format, arguments);
+}
+
+int32_t ND_LIB_WriteBlackBox(void *handle, const char *format, va_list arguments) {
+    auto *box = static_cast<BlackBoxHead *>(handle);
+    if (box == nullptr || format == nullptr || box->usable == 0) {
+        return -1;
+    }
+    ND_LIB_BlackBoxLine &line = box->line;
+    const int stampLen = FormatStamp(line);
+    if (stampLen < 0) {
+        return -1;
+    }
+    // One byte less than there is, for the line feed.
+    const auto room = sizeof(line) - 1 - static_cast<size_t>(stampLen);
+    const int textLen = vsnprintf_truncated_s(line + stampLen, room, format, arguments);
+    if (textLen < 0) {
+        return -1;
+    }
+    const int length = stampLen + textLen;
+    line[length] = '\n';
+    return WriteBlackBox(handle, line, static_cast<uint32_t>(length) + 1);
+}
+
+uint32_t ND_LIB_CheckBlackBoxNeedExpand(const ND_LIB_BlackBoxDesc *desc) {
+    return desc != nullptr && desc->curSize < desc->maxSize && GetBlackBoxContentLength(desc->bbHandle) > 0
+               ? 1
+               : 0;
+}
+
+void ND_LIB_ExpandBlackBox(ND_LIB_BlackBoxDesc *desc, ND_LIB_Instance *instance) {
+    if (desc == nullptr) {
+        return;
+    }
+    const uint32_t newSize = uint32_t{desc->curSize} + desc->stepSize;
+    void *newBox = CreateBlackBox(newSize * kBytesPerUnit, instance->memHandle);
+    if (newBox == nullptr) {
+        return;
+    }
+    const int32_t contentLen = GetBlackBoxContentLength(desc->bbHandle);
+    OldBox old = {desc->bbHandle, contentLen > 0 ? static_cast<uint32_t>(contentLen) : 0, 0};
+    const uint32_t size = old.content + sizeof(ND_LIB_BlackBoxLine);
+    auto *buffer = static_cast<char *>(pegeir::ZeroAlloc(kDebugModule, instance->memHandle, size));
+    if (buffer == nullptr || !CopyBox(old, newBox, buffer, size)) {
+        DestroyBlackBox(newBox);
+    } else {
+        DestroyBlackBox(old.handle);
+        desc->bbHandle = newBox;
+        desc->curSize = static_cast<uint16_t>(newSize);
+    }
+    pegeir::Free(kDebugModule, buffer);
+}
+
+uint32_t ND_LIB_GetTimeZone(SysTime gmt, SysTime local, char *text, uint32_t length) {
+    text[0] = '\0';
+    const uint32_t gmtSeconds = SecondsIntoDay(gmt);
+    const uint32_t localSeconds = SecondsIntoDay(local);
+    // The days are compared as numbers, so around the end of a month the result is odd.
+    uint32_t offset = 0;
+    if (gmtSeconds < localSeconds) {
+        offset = local.day < gmt.day ? gmtSeconds + kSecondsPerDay - localSeconds : localSeconds - gmtSeconds;
+    } else {
+        offset = local.day > gmt.day ? localSeconds + kSecondsPerDay - gmtSeconds : gmtSeconds - localSeconds;
+    }
+    const int hours = static_cast<int>(offset / kSecondsPerHour);
+    const int minutes = static_cast<int>(offset % kSecondsPerHour / kSecondsPerMinute);
+    return snprintf_truncated_s(text, length, "-%02d:%02d", hours, minutes) < 0 ? 1 : 0;
+}
+
+void ND_LIB_ReadBlackBox(ND_LIB_Instance *instance, uint32_t box, char *buffer, uint32_t length,
+                         uint32_t *count) {
+    if (box >= ND_LIB_BLACKBOX_MAX) {
+        return;
+    }
+    instance->diagnoseReadLen = 0;
+    void *handle = instance->blackBox[box].bbHandle;
+    if (handle == nullptr || length <= *count + 1) {
+        return;
+    }
+    const int32_t read = ReadBlockFromBlackBox(handle, buffer + *count, length - 1 - *count);
+    if (read > 0) {
+        instance->diagnoseReadLen = static_cast<uint32_t>(read);
+        *count += static_cast<uint32_t>(read);
+    }
+}
+
+void pegeir::debug::RewindBoxes(ND_LIB_Instance *instance, char *scratch, uint32_t length) {
+    for (const ND_LIB_BlackBoxDesc &desc : instance->blackBox) {
+        if (desc.bbHandle != nullptr) {
+            uint32_t unread = 0;
+            (void)ReadToEnd(desc.bbHandle, scratch, length, &unread); // else the pass goes on where it is
+        }
+    }
+}
