@@ -1,0 +1,6 @@
+if(PEGEIR_BUILD_PROGRAMS)
+  add_executable(watch_test watch_test.cpp)
+  target_include_directories(watch_test PRIVATE ${PROJECT_SOURCE_DIR}/component/include)
+  target_link_libraries(watch_test PRIVATE pegeir_compile pegeir_watch_core GTest::gtest_main)
+  gtest_discover_tests(watch_test)
+endif()

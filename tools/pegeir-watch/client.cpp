@@ -1,0 +1,425 @@
+#include "client.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include <pegeir/linux.h>
+#include <pegeir/nd_data.h>
+
+namespace pegeir::watch {
+namespace {
+
+// The values of the frame that this platform gives no meaning; the library wants them nonzero.
+constexpr uint32_t kHandle = 1;
+
+// Subscriptions made in one go.  The rest follows a second later, so that messages, signals and the
+// terminal get their turn.
+constexpr size_t kSubscriptionsPerRound = 20000;
+
+// Longer silence of a component that is there deserves a word.
+constexpr std::chrono::seconds kPatience{10};
+
+// What is over sooner needs no progress.
+constexpr std::chrono::seconds kProgressDelay{1};
+
+// A flood of bad messages must not become a flood of lines.
+constexpr uint64_t kRefusedPerSecond = 5;
+
+constexpr size_t kReportSize = 262144;
+
+constexpr uint32_t kTimerIid = 3;
+
+// The library hands callbacks its instance and 32 bits, too few for a pointer.  As there is one
+// runtime in a process, there is one client.
+Client *running = nullptr;
+
+std::string Plural(size_t count, const char *noun) {
+    return std::to_string(count) + ' ' + noun + (count == 1 ? "" : "s");
+}
+
+std::string TallyText(const Tally &tally) {
+    std::string text;
+    const auto add = [&text](size_t count, const char *what) {
+        if (count != 0) {
+            text += (text.empty() ? "" : ", ") + std::to_string(count) + ' ' + what;
+        }
+    };
+    add(tally.fresh, "new");
+    add(tally.changed, "changed");
+    add(tally.gone, "gone");
+    return text.empty() ? "no difference" : text;
+}
+
+} // namespace
+
+struct Client::Callbacks {
+    static void Message(void * /*context*/, void *message) noexcept { running->OnMessage(message); }
+    static void Peer(void * /*context*/, uint32_t /*peer*/, int available) noexcept {
+        running->OnPeer(available != 0);
+    }
+    static uint32_t Pack(ND_LIB_Instance * /*instance*/, void * /*optionData*/) noexcept {
+        return running->OnPack();
+    }
+    static uint32_t Notify(ND_LIB_Instance * /*instance*/, uint32_t code, uint32_t /*zero*/) noexcept {
+        return running->OnNotify(code);
+    }
+    static uint32_t Updata(ND_LIB_Instance * /*instance*/, const ND_LIB_TlvHead *record) noexcept {
+        ND_LIB_TlvHead head;
+        std::memcpy(&head, record, sizeof head); // the record lies at any alignment
+        running->OnRecord(head.tlvType, reinterpret_cast<const uint8_t *>(record) + sizeof head, head.tlvLen);
+        return ND_LIB_OK;
+    }
+    static uint32_t Log(ND_LIB_Instance *instance, uint32_t level, const char *format, ...) noexcept
+        ND_LIB_PRINTF(3, 4);
+};
+
+uint32_t Client::Callbacks::Log(ND_LIB_Instance * /*instance*/, uint32_t level, const char *format,
+                                ...) noexcept {
+    va_list arguments;
+    va_start(arguments, format);
+    running->OnLog(level, format, arguments);
+    va_end(arguments);
+    return 0;
+}
+
+Client::Client(const Options &userOptions, Output &userOutput) : options(userOptions), output(userOutput) {
+    Subscription lastKey = {};
+    for (const Subscription &subscription : options.subscriptions) { // those of one key stand together
+        const bool sameKey =
+            keys != 0 && subscription.keyType == lastKey.keyType && subscription.key == lastKey.key;
+        keys += sameKey ? 0 : 1;
+        lastKey = subscription;
+    }
+    running = this;
+}
+
+Client::~Client() {
+    ND_LIB_Deinit(instance);
+    PEGEIR_LinuxClose();
+    running = nullptr;
+}
+
+bool Client::Open(std::string &error) {
+    const char *const directory = options.directory.empty() ? nullptr : options.directory.c_str();
+    const PEGEIR_LinuxConfig config = {options.id, directory, Callbacks::Message, nullptr};
+    std::array<char, 512> text = {};
+    if (PEGEIR_LinuxOpen(&config, text.data(), text.size()) != 0) {
+        error = text.data();
+        return false;
+    }
+    ND_LIB_FrameRegister frame = {};
+    frame.ndPid = options.component;
+    frame.appPid = options.id;
+    frame.memHandle = frame.timerHandle = frame.appLocal = kHandle;
+    frame.logFunc = Callbacks::Log;
+    const ND_LIB_ConsumerRegister consumer = {kHandle, Callbacks::Pack, Callbacks::Notify, Callbacks::Updata};
+    instance = ND_LIB_Init(&frame);
+    if (instance == nullptr || ND_LIB_RegisterConsumer(instance, &consumer) != ND_LIB_OK) {
+        error = "the library could not be set up: out of memory?";
+        return false;
+    }
+    if (options.verify && (ND_LIB_SetVerifyCycle(instance, options.verifyCycle) != ND_LIB_OK ||
+                           ND_LIB_StartVerify(instance) != ND_LIB_OK)) {
+        error = "the library refused a verification cycle of " + std::to_string(options.verifyCycle) + " s";
+        return false;
+    }
+    if (PEGEIR_LinuxWatchPeer(options.component, Callbacks::Peer, nullptr) != 0) {
+        error =
+            "cannot watch for component " + std::to_string(options.component) + ": " + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+void Client::Enter(Phase next) {
+    phase = next;
+    phaseStart = Clock::now();
+    hinted = false;
+}
+
+// ---- Messages ---------------------------------------------------------------------------------------
+
+void Client::OnMessage(void *message) {
+    const bool timer = DMS_MsgRecvIidGet(message) == kTimerIid;
+    const uint32_t sender = DMS_MsgSendCidGet(message);
+    const uint32_t length = DMS_MsgDataLenGet(message);
+    // The library takes every ndpi message for one of its component.
+    if (!timer && sender != options.component) {
+        Refused("it is not from component " + std::to_string(options.component), sender, length);
+        return;
+    }
+    lastFailure.clear();
+    const uint32_t result = ND_LIB_MsgProcess(instance, message);
+    if (result == ND_LIB_ERR_SEQUENCE) {
+        output.Problem("gap", "the download has a gap; asking for a new one");
+    } else if (result != ND_LIB_OK) {
+        Refused(lastFailure.empty() ? "it is no valid message of the ND component" : lastFailure, sender,
+                length);
+    }
+}
+
+void Client::Refused(const std::string &reason, uint32_t sender, uint32_t length) {
+    if (Clock::now() - refusedSince >= std::chrono::seconds(1)) {
+        refusedSince = Clock::now();
+        refused = 0;
+    }
+    if (++refused <= kRefusedPerSecond) {
+        output.Problem("refused",
+                       "refused a message of " + Plural(length, "byte") + " from process " +
+                           std::to_string(sender) + ": " + reason,
+                       {{"from", sender}, {"bytes", length}});
+    } else if (refused == kRefusedPerSecond + 1) {
+        output.Problem("refused", "refusing more such messages without a line for each");
+    }
+}
+
+void Client::OnRecord(uint16_t type, const uint8_t *value, uint16_t length) {
+    if (Finished()) {
+        return; // the event loop is about to end
+    }
+    const std::span<const uint8_t> bytes(value, length);
+    const auto decoded = DecodeRecord(type, bytes);
+    if (const auto *const record = std::get_if<Record>(&decoded)) {
+        ++items;
+        const Table::Outcome outcome = table.Apply(*record);
+        output.ItemSeen(outcome.change, outcome.item, table.InterfaceName(outcome.item));
+    } else if (const auto *const fault = std::get_if<Malformed>(&decoded)) {
+        ++malformed;
+        output.Problem("malformed", "malformed data: " + fault->reason, {{"type", type}, {"bytes", length}});
+    } else {
+        std::array<char, 8> hex = {};
+        (void)std::snprintf(hex.data(), hex.size(), "0x%04x", static_cast<unsigned>(type));
+        output.Problem("unknown", "data of unknown type " + std::string(hex.data()) + ": " + HexText(bytes),
+                       {{"type", type}, {"value", HexText(bytes)}});
+    }
+}
+
+void Client::OnLog(uint32_t level, const char *format, va_list arguments) {
+    const bool wanted = options.logLevel.has_value() && level <= *options.logLevel;
+    if (!wanted && level != ND_LIB_LOG_FAILURE) {
+        return;
+    }
+    std::array<char, 512> text = {};
+    (void)std::vsnprintf(text.data(), text.size(), format, arguments);
+    if (wanted) {
+        output.Progress({});
+        (void)std::fprintf(stderr, "log %u: %s\n", static_cast<unsigned>(level), text.data());
+    }
+    if (lastFailure.empty()) { // later lines only say that the same thing failed
+        const std::string_view line = text.data();
+        const size_t prefix = line.find(", ");
+        lastFailure = prefix == std::string_view::npos ? line : line.substr(prefix + 2);
+    }
+}
+
+// ---- States -----------------------------------------------------------------------------------------
+
+std::string Client::Whereabouts() const {
+    return "component " + std::to_string(options.component) + " in " +
+           (options.directory.empty() ? PEGEIR_LinuxDirectory() : options.directory);
+}
+
+void Client::OnPeer(bool available) {
+    const ND_LIB_CompState state = {0, available ? ND_LIB_COMP_AVAILABLE : ND_LIB_COMP_NOT_AVAILABLE};
+    if (available) {
+        Enter(Phase::kRegistering);
+        output.State("available",
+                     "component " + std::to_string(options.component) + " is available; registering");
+    } else {
+        Enter(Phase::kAbsent);
+        hinted = true; // said here
+        verifying = false;
+        table.AbandonComparison();
+        output.State("gone",
+                     "component " + std::to_string(options.component) + " is gone; waiting for it to return");
+    }
+    collected = 0; // what was subscribed so far is dropped with the component
+    ND_LIB_NotifyNdCompState(instance, &state);
+}
+
+bool Client::Subscribe(const Subscription &subscription) {
+    struct {
+        ND_LIB_ItemHead head;
+        std::array<uint8_t, 4> bytes;
+    } key = {};
+    key.head = {subscription.keyType, sizeof key.bytes};
+    for (size_t i = 0; i < key.bytes.size(); ++i) {
+        key.bytes.at(i) = static_cast<uint8_t>(subscription.key >> (24 - 8 * i));
+    }
+    const ND_LIB_ItemHead data = {subscription.dataType, 0};
+    return ND_LIB_Subscribe(instance, &key.head, &data) == ND_LIB_OK;
+}
+
+uint32_t Client::OnPack() {
+    const std::vector<Subscription> &wanted = options.subscriptions;
+    if (!verifying && phase != Phase::kCollecting) {
+        Enter(Phase::kCollecting);
+        output.State("registered", "registered; uploading " + Plural(wanted.size(), "subscription"),
+                     {{"subscriptions", wanted.size()}});
+    }
+    const size_t roundEnd = std::min(wanted.size(), collected + kSubscriptionsPerRound);
+    while (collected < roundEnd) {
+        if (!Subscribe(wanted.at(collected))) {
+            output.Problem("subscribe",
+                           "the library could not store a subscription, out of memory?  Trying again");
+            return ND_LIB_PACK_MORE;
+        }
+        ++collected;
+    }
+    if (collected < wanted.size()) {
+        return ND_LIB_PACK_MORE;
+    }
+    collected = 0;
+    Enter(Phase::kUploading);
+    if (verifying) {
+        // The library does not tell when the download of a pass begins.  From here on it can only be
+        // preceded by real-time updates, which name what exists just as well.
+        table.BeginComparison();
+        malformed = 0;
+    }
+    return ND_LIB_PACK_DONE;
+}
+
+uint32_t Client::OnNotify(uint32_t code) {
+    switch (code) {
+    case ND_LIB_NOTIFY_SMOOTH_BEGIN:
+        output.State("downloading",
+                     phase == Phase::kDownloading ? "download begins again" : "download begins");
+        verifying = false; // a gap in the download of a pass leads to a full one
+        table.BeginComparison();
+        malformed = 0;
+        Enter(Phase::kDownloading);
+        return 0;
+    case ND_LIB_NOTIFY_SMOOTH_END:
+        if (table.Comparing()) {
+            FinishDownload("ready", "ready");
+            wasReady = true;
+        }
+        return 0;
+    case ND_LIB_NOTIFY_VERIFY_REQUEST:
+        verifying = true;
+        collected = 0;
+        output.State("verifying", "verification begins; uploading " +
+                                      Plural(options.subscriptions.size(), "subscription"));
+        return 0;
+    case ND_LIB_NOTIFY_VERIFY_END:
+        if (verifying) {
+            verifying = false;
+            FinishDownload("verified", "verification complete");
+            wasVerified = true;
+            if (!options.verify) {
+                (void)ND_LIB_StopVerify(instance);
+            }
+        }
+        return 0;
+    default:
+        return 0;
+    }
+}
+
+void Client::FinishDownload(const char *state, const std::string &text) {
+    if (malformed != 0) {
+        table.AbandonComparison();
+        output.Problem("incomplete",
+                       Plural(malformed, "record") + " could not be read; nothing is taken for gone");
+    }
+    for (const Item &item : table.EndComparison()) {
+        output.ItemSeen(Change::kGone, item, table.InterfaceName(item));
+    }
+    const Tally &tally = table.CurrentTally();
+    output.State(state, text + ": " + Plural(table.Size(), "item") + ", " + TallyText(tally),
+                 {{"items", table.Size()},
+                  {"records", tally.records},
+                  {"new", tally.fresh},
+                  {"changed", tally.changed},
+                  {"gone", tally.gone}});
+    Enter(Phase::kReady);
+}
+
+void Client::RequestVerification() {
+    if (ND_LIB_StartVerify(instance) == ND_LIB_OK) {
+        output.State("verify-requested", "a verification pass was asked for; it begins when it is due");
+    }
+}
+
+bool Client::Satisfied() const {
+    return (!options.untilReady || wasReady) && (!options.untilVerified || wasVerified) &&
+           items >= options.count;
+}
+
+bool Client::Finished() const {
+    return (options.untilReady || options.untilVerified || options.count != 0) && Satisfied();
+}
+
+// ---- Reports ----------------------------------------------------------------------------------------
+
+void Client::Diagnose() {
+    std::vector<char> page(kReportSize);
+    uint32_t result = ND_LIB_OK;
+    for (unsigned number = 1; result == ND_LIB_OK; ++number) {
+        uint32_t length = 0;
+        result = ND_LIB_GetDiagnoseInfo(instance, page.data(), kReportSize, &length, number == 1 ? 1 : 0);
+        output.Report(number, std::string(page.data(), std::min<size_t>(length, page.size())));
+    }
+}
+
+void Client::Tick() {
+    const auto silence = Clock::now() - phaseStart;
+    if (phase == Phase::kAbsent && !hinted) {
+        hinted = true;
+        output.State("waiting",
+                     "there is no " + Whereabouts() + "; waiting for it (start it with: pegeir-component)");
+    } else if (phase == Phase::kRegistering && !hinted && silence >= kPatience) {
+        hinted = true;
+        output.Problem("silent", Whereabouts() + " is there but has not answered the registration for " +
+                                     std::to_string(kPatience.count()) +
+                                     " s; is it a pegeir-component, and is it running?");
+    }
+    if (output.ShowsProgress()) {
+        output.Progress(silence >= kProgressDelay ? ProgressText() : std::string());
+    }
+}
+
+// The library does not count acknowledgements for the consumer, but its first report tells how many keys
+// still wait for one.
+uint64_t Client::PendingKeys() {
+    static constexpr std::string_view kLabel = "subscribeTree num";
+    std::array<char, 2048> page = {};
+    uint32_t length = 0;
+    (void)ND_LIB_GetDiagnoseInfo(instance, page.data(), page.size(), &length, 1);
+    const std::string_view text(page.data(), std::min<size_t>(length, page.size()));
+    uint64_t pending = 0;
+    const size_t label = text.find(kLabel);
+    const size_t digits = label == std::string_view::npos ? label : text.find_first_of("0123456789", label);
+    if (digits != std::string_view::npos) {
+        (void)std::from_chars(text.data() + digits, text.data() + text.size(), pending);
+    }
+    return pending;
+}
+
+std::string Client::ProgressText() {
+    const std::string pass = verifying ? "verifying: " : "";
+    switch (phase) {
+    case Phase::kCollecting:
+        return "collecting subscriptions: " + std::to_string(collected) + " of " +
+               std::to_string(options.subscriptions.size());
+    case Phase::kUploading:
+        return pass + "uploading: " + std::to_string(keys - std::min<uint64_t>(keys, PendingKeys())) +
+               " of " + Plural(keys, "key") + " acknowledged";
+    case Phase::kDownloading:
+        return "downloading: " + Plural(table.CurrentTally().records, "record");
+    default:
+        return {};
+    }
+}
+
+} // namespace pegeir::watch
