@@ -1,0 +1,55 @@
+/* Bytes into platform messages, and the platform's refusals into the three that the server knows. */
+#include "program/linux_transport.h"
+
+#include <cerrno>
+#include <cstring>
+#include <pegeir/linux.h>
+#include <utility>
+
+namespace pegeir::component {
+
+namespace {
+
+constexpr uint32_t kInterface = 3;
+constexpr uint32_t kSubInterface = 164;
+constexpr uint32_t kSendArg1 = 6;
+constexpr uint32_t kSendArg2 = 932;
+constexpr const char *kSourceName = "nd_component";
+
+} // namespace
+
+LinuxTransport::LinuxTransport(uint32_t id, std::function<void(uint32_t)> onWritable, ConsumerLog log)
+    : id_(id), onWritable_(std::move(onWritable)), log_(std::move(log)) {}
+
+SendResult LinuxTransport::Send(uint32_t consumer, ByteView bytes) {
+    const auto length = static_cast<uint32_t>(bytes.size());
+    void *message = ZEP_MsgFlowCtrlAlloc_F(id_, consumer, length, kSourceName, __LINE__);
+    if (message == nullptr) {
+        return SendResult::kFull;
+    }
+    std::memcpy(message, bytes.data(), bytes.size());
+    DMS_ZEP_MSG_SET_INTF(message, kInterface);
+    DMS_ZEP_MSG_SET_SUB_INTF(message, kSubInterface);
+    switch (ZEP_SEND_MSG(consumer, kSendArg1, kSendArg2, message, length)) {
+    case 0:
+        return SendResult::kSent;
+    case PEGEIR_LINUX_SEND_FULL:
+        return SendResult::kFull;
+    case PEGEIR_LINUX_SEND_NO_PEER:
+        return SendResult::kGone;
+    default:
+        log_(Severity::kWarning, consumer, Text("cannot be sent to: ", std::strerror(errno)));
+        return SendResult::kGone;
+    }
+}
+
+bool LinuxTransport::WhenWritable(uint32_t consumer) {
+    return PEGEIR_LinuxWhenWritable(
+               consumer,
+               [](void *context, uint32_t peer) {
+                   static_cast<LinuxTransport *>(context)->onWritable_(peer);
+               },
+               this) == 0;
+}
+
+} // namespace pegeir::component
