@@ -167,12 +167,12 @@ std::int32_t BoxRead(void *object, void *buffer, std::uint32_t length) {
     return static_cast<std::int32_t>(ofRest + ofContent);
 }
 
-std::int32_t BoxContentLength(const void *box) {
-    return box == nullptr ? 0 : static_cast<std::int32_t>(static_cast<const Box *>(box)->length);
+std::int32_t BoxContentLength(const void *object) {
+    return object == nullptr ? 0 : static_cast<std::int32_t>(static_cast<const Box *>(object)->length);
 }
 
-std::int32_t BoxCapacity(const void *box) {
-    return box == nullptr ? 0 : static_cast<std::int32_t>(static_cast<const Box *>(box)->size);
+std::int32_t BoxCapacity(const void *object) {
+    return object == nullptr ? 0 : static_cast<std::int32_t>(static_cast<const Box *>(object)->size);
 }
 
 } // namespace pegeir::common

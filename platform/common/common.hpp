@@ -26,19 +26,19 @@ namespace pegeir::common {
 void *BoxMake(void *memory, std::uint32_t size);
 
 // WriteBlackBox.  A write larger than the box stores its newest whole lines.  Fails with -1, the box
-// unchanged, when box or bytes is null or not even the last line fits.
-[[nodiscard]] std::int32_t BoxWrite(void *box, const void *bytes, std::uint32_t length);
+// unchanged, when object or bytes is null or not even the last line fits.
+[[nodiscard]] std::int32_t BoxWrite(void *object, const void *bytes, std::uint32_t length);
 
 // ReadBlockFromBlackBox.  What a reader gets is made of whole lines however the box changes between
 // two reads: of a line that it has begun and that is dropped then, it still gets the rest (cut to
 // BLACK_BOX_LINE_SIZE bytes); lines dropped before it came to them are missing altogether.  Any
-// answer of 0, also to a read of 0 bytes, rewinds to the oldest line.  Fails with -1 when box or
+// answer of 0, also to a read of 0 bytes, rewinds to the oldest line.  Fails with -1 when object or
 // buffer is null.
-[[nodiscard]] std::int32_t BoxRead(void *box, void *buffer, std::uint32_t length);
+[[nodiscard]] std::int32_t BoxRead(void *object, void *buffer, std::uint32_t length);
 
 // GetBlackBoxContentLength, GetBlackBoxBufferLen; 0 for a null box.
-[[nodiscard]] std::int32_t BoxContentLength(const void *box);
-[[nodiscard]] std::int32_t BoxCapacity(const void *box);
+[[nodiscard]] std::int32_t BoxContentLength(const void *object);
+[[nodiscard]] std::int32_t BoxCapacity(const void *object);
 
 } // namespace pegeir::common
 

@@ -93,6 +93,7 @@ uint32_t ZEP_Gmt2LocalTime(const SysTime *gmt, SysTime *local, uint32_t *flag) {
         Violation(state, "ZEP_Gmt2LocalTime: no valid GMT time, or a flag other than 1");
         return kRefused;
     }
+    *flag = 0; // not promised to stay
     *local = FromUnixMs(*ms + state.zoneMinutes * kMsPerMinute);
     return 0;
 }

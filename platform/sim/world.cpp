@@ -11,9 +11,6 @@
 namespace pegeir::sim {
 namespace {
 
-// One instant with more deliveries than this is taken for a loop.
-constexpr std::uint64_t kMostDeliveriesAtOnce = 1'000'000;
-
 State *current = nullptr;
 
 constexpr SysTime kBeginning = {2024, 1, 1, 0, 0, 0, 1, 0};
@@ -65,7 +62,7 @@ bool World::RunUntil(const std::function<bool()> &done, std::uint64_t ms) {
     const std::uint64_t end = state->uptimeMs + ms;
     for (std::uint64_t delivered = 0; !done();) {
         if (Step()) {
-            if (++delivered > kMostDeliveriesAtOnce) {
+            if (++delivered > state->options.mostAtOnce) {
                 throw std::runtime_error("messages answer each other without end at uptime " +
                                          std::to_string(state->uptimeMs) + " ms");
             }

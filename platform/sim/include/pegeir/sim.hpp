@@ -147,6 +147,8 @@ struct Options {
     // False leaves out what costs time per call: accounting of memory, the pattern in fresh memory,
     // the call log, the checks of blocks and boxes.  Counting and faults stay.  For benchmarks.
     bool checks = true;
+    // More deliveries at one moment are taken for messages that answer each other without end.
+    std::uint64_t mostAtOnce = 1'000'000;
 };
 
 struct State;
@@ -220,7 +222,7 @@ public:
     bool Step();
     // Lets ms milliseconds pass: delivers what is due, moves on to the next moment at which a message
     // arrives or a timer expires, and so on.  Returns with nothing due.  Throws std::runtime_error
-    // when messages answer each other at one moment without end.
+    // after Options::mostAtOnce deliveries at one moment.
     void Run(std::uint64_t ms);
     // The same until done() is true, which is asked first and after each delivery.  Returns whether
     // it was.

@@ -1,0 +1,361 @@
+// The sim platform keeps what sim.hpp promises to whoever tests on it.
+
+#include <pegeir/pegeir.h>
+#include <pegeir/sim.hpp>
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+// The example in the head of sim.hpp.
+bool RegistrationIsRepeated(const ND_LIB_FrameRegister &frame, const ND_LIB_ConsumerRegister &consumer);
+
+namespace pegeir::sim {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::uint32_t kTimerParams[] = {1, 120, 500};
+
+std::vector<std::uint32_t> expired;
+std::uint32_t NoteExpiry(std::uint32_t timerId, std::uint32_t, void *, void *) {
+    expired.push_back(timerId);
+    return 0;
+}
+
+std::uint32_t Send(std::uint32_t from, std::uint32_t to, const Bytes &bytes) {
+    const auto length = static_cast<std::uint32_t>(bytes.size());
+    void *message = ZEP_MsgFlowCtrlAlloc_F(from, to, length + 2, "test", 1);
+    if (message == nullptr) {
+        return 99;
+    }
+    memcpy_s(message, length, bytes.data(), length);
+    return ZEP_SEND_MSG(to, 6, 932, message, length);
+}
+
+TEST(SimFaults, RulesHitExactlyTheCallsTheyName) {
+    // Eight calls 100 ms apart, memory and clock in turn; F is a failure.
+    const struct {
+        Fault fault;
+        const char *expected;
+    } rows[] = {
+        {{}, "FFFFFFFF"},
+        {{.from = 3, .count = 2}, "..FF...."},
+        {{.op = Op::kGmtGet, .from = 2}, "...F.F.F"},
+        {{.op = Op::kMalloc, .from = 1, .count = 3}, "F.F.F..."},
+        {{.fromMs = 200, .untilMs = 400}, "..FF...."},
+        {{.op = Op::kMalloc, .from = 2, .lastingMs = 300}, "..F.F..."},
+        {{.op = Op::kSend}, "........"},
+        {{.probability = 0.0}, "........"},
+    };
+    for (const auto &row : rows) {
+        World world;
+        world.Fail(row.fault);
+        std::string seen;
+        for (int call = 0; call < 8; ++call) {
+            SysTime gmt;
+            const bool failed = call % 2 == 0 ? ZEP_Malloc_F(1, 7, 1, "test", 1) == nullptr
+                                              : ZEP_GMT_SystimeGet(&gmt) == row.fault.code;
+            seen += failed ? 'F' : '.';
+            world.Advance(100);
+        }
+        EXPECT_EQ(seen, row.expected);
+        EXPECT_EQ(world.Calls(), 8U);
+        EXPECT_EQ(world.Calls(Op::kGmtGet), 4U);
+        EXPECT_EQ(world.Failures(), static_cast<std::uint64_t>(std::count(seen.begin(), seen.end(), 'F')));
+        EXPECT_EQ(world.CallLog().at(1), Op::kGmtGet);
+    }
+}
+
+TEST(SimFaults, ChanceComesFromTheSeedAndRulesCanBeLifted) {
+    const auto draw = [](std::uint64_t seed) {
+        World world;
+        const FaultId id = world.Fail({.probability = 0.3, .seed = seed});
+        std::string seen;
+        for (int call = 0; call < 1000; ++call) {
+            void *memory = ZEP_Malloc_F(1, 7, 1, "test", 1);
+            seen += memory == nullptr ? 'F' : '.';
+        }
+        world.Lift(id);
+        EXPECT_NE(ZEP_Malloc_F(1, 7, 1, "test", 1), nullptr);
+        return seen;
+    };
+    const std::string first = draw(1);
+    EXPECT_EQ(first, draw(1));
+    EXPECT_NE(first, draw(2));
+    EXPECT_NEAR(static_cast<double>(std::count(first.begin(), first.end(), 'F')), 300, 60);
+    World world;
+    EXPECT_THROW(world.Fail({.op = Op::kSend, .shorten = 1}), std::invalid_argument);
+    EXPECT_THROW(world.Fail({.code = 0}), std::invalid_argument);
+}
+
+TEST(SimFaults, EveryOperationFailsAsStatedAndLeavesNothingBehind) {
+    World world;
+    void *box = CreateBlackBox(64, 5);
+    char text[64];
+    SysTime time = {2024, 2, 3, 4, 5, 6, 0, 7};
+    const std::uint32_t lib = APPTMR_CreateLib2(8, NoteExpiry, 5);
+    const std::uint32_t instance = APPTMR_CreateInstance(lib, kTimerParams);
+    const std::uint32_t timer = APPTMR_CreatePeriodTimer(instance, 1000, 0, &world, 2);
+    const std::string held = world.Leaks();
+    const std::function<bool()> fails[kOps] = {
+        [] { return ZEP_Malloc_F(1, 7, 10, "test", 1) == nullptr; },
+        [] { return ZEP_MsgFlowCtrlAlloc_F(1, 2, 3, "test", 1) == nullptr; },
+        [] {
+            return Send(1, 2, {1, 2, 3}) == 42;
+        },
+        [] { return APPTMR_CreateLib2(1, NoteExpiry, 1) == 0; },
+        [&] { return APPTMR_CreateInstance(lib, kTimerParams) == 0; },
+        [&] { return APPTMR_CreatePeriodTimer(instance, 1, 0, nullptr, 2) == 0; },
+        [&] { return APPTMR_DeleteTimer(instance, timer) == 42; },
+        [] { return CreateBlackBox(10, 1) == nullptr; },
+        [&] { return WriteBlackBox(box, "x\n", 2) == -1; },
+        [&] { return ReadBlockFromBlackBox(box, text, 64) == -1; },
+        [&] { return ZEP_GMT_SystimeGet(&time) == 42; },
+        [&] {
+            std::uint32_t flag = 1;
+            return ZEP_Gmt2LocalTime(&time, &time, &flag) == 42;
+        },
+    };
+    for (std::size_t i = 0; i < kOps; ++i) {
+        const Op op = static_cast<Op>(i);
+        EXPECT_EQ(OpByName(Name(op)), op);
+        world.Fail({.op = op, .from = world.Calls(op) + 1, .count = 1, .code = 42});
+        EXPECT_TRUE(fails[i]()) << Name(op);
+        EXPECT_EQ(world.Leaks(), held) << Name(op);
+    }
+    EXPECT_EQ(world.Failures(), kOps);
+    EXPECT_TRUE(world.TakeSent().empty());
+    EXPECT_EQ(OpByName("Nonsense"), std::nullopt);
+
+    ASSERT_EQ(WriteBlackBox(box, "one\ntwo\n", 8), 8);
+    world.Fail({.op = Op::kReadBlackBox, .from = 2, .count = 1, .shorten = 3});
+    EXPECT_EQ(ReadBlockFromBlackBox(box, text, 64), 3);
+    EXPECT_EQ(ReadBlockFromBlackBox(box, text, 64), 5); // what the short read left
+    EXPECT_TRUE(world.Violations().empty());
+}
+
+TEST(SimAccounts, TellWhatIsHeldByModuleAndLine) {
+    World world;
+    void *first = ZEP_Malloc_F(5, 7, 100, "store", 10);
+    ZEP_Malloc_F(5, 7, 20, "store", 10);
+    void *nothing = ZEP_Malloc_F(5, 7, 0, "store", 11);
+    void *message = ZEP_MsgFlowCtrlAlloc_F(1, 2, 30, "send", 12);
+    APPTMR_CreateInstance(APPTMR_CreateLib2(8, NoteExpiry, 5), kTimerParams);
+    EXPECT_EQ(world.Leaks(), "memory of store:10: 2 with 120 bytes\nmemory of store:11: 1 with 0 bytes\n"
+                             "message of send:12: 1 with 30 bytes\ntimer library: 1\ntimer instance: 1\n");
+    EXPECT_NE(nothing, nullptr);
+    EXPECT_NE(*static_cast<unsigned char *>(first), 0); // nobody can take fresh memory for cleared memory
+    EXPECT_NE(*static_cast<unsigned char *>(message), 0);
+    ZEP_Free_F(first, "store", 13);
+    DMS_MsgFree(1, message);
+    ASSERT_EQ(world.Allocations().size(), 2U);
+    EXPECT_EQ(world.Allocations()[0].size, 20U);
+    EXPECT_EQ(world.Allocations()[0].memHandle, 5U);
+    EXPECT_EQ(world.LiveBytes(), 20U);
+    EXPECT_EQ(world.PeakBytes(), 120U);
+    EXPECT_EQ(world.LiveMessages(), 0U);
+    ZEP_Assert("store", 14, 15);
+    ASSERT_EQ(world.Assertions().size(), 1U);
+    EXPECT_EQ(world.Assertions()[0].line, 14U);
+    EXPECT_TRUE(world.Violations().empty());
+}
+
+TEST(SimAccounts, MisuseIsWrittenDownAndDoesNothing) {
+    World world;
+    void *freed = ZEP_Malloc_F(5, 7, 8, "a", 1);
+    ZEP_Free_F(freed, "a", 2);
+    void *block = ZEP_Malloc_F(5, 7, 8, "a", 3);
+    void *box = CreateBlackBox(8, 5);
+    void *message = ZEP_MsgFlowCtrlAlloc_F(1, 2, 8, "a", 4);
+    int local = 0;
+    const Message received(world, {.sender = 3, .bytes = {1}});
+    const struct {
+        std::function<void()> misuse;
+        const char *told;
+    } rows[] = {
+        {[&] { ZEP_Free_F(freed, "b", 1); }, "b:1 frees memory that was freed before at a:2"},
+        {[&] { ZEP_Free_F(&local, "b", 2); }, "that is no block"},
+        {[&] { ZEP_Free_F(message, "b", 3); }, "that is a message"},
+        {[&] { ZEP_Free_F(box, "b", 4); }, "that is a box"},
+        {[&] { ZEP_Free_F(nullptr, "b", 5); }, "null"},
+        {[&] { DestroyBlackBox(block); }, "that is no box"},
+        {[&] { EXPECT_EQ(WriteBlackBox(block, "x\n", 2), -1); }, "no black box"},
+        {[&] { DMS_MsgFree(9, message); }, "DMS_MsgFree by 9 of a message of 1 from a:4"},
+        {[&] { DMS_MsgFree(3, received.Data()); }, "DMS_MsgFree"},
+        {[&] { DMS_MsgFree(1, block); }, "no live message"},
+        {[&] { EXPECT_NE(ZEP_SEND_MSG(2, 6, 932, received.Data(), 1), 0U); }, "received message"},
+        {[&] { EXPECT_NE(ZEP_SEND_MSG(2, 6, 932, message, 9), 0U); },
+         "9 bytes of a message of 8 bytes from a:4"},
+        {[&] { EXPECT_EQ(ZEP_MsgFlowCtrlAlloc_F(1, 2, 65536, "b", 6), nullptr); }, "65536 bytes"},
+        {[&] { EXPECT_EQ(APPTMR_CreateInstance(77, kTimerParams), 0U); }, "unknown library"},
+        {[&] { EXPECT_EQ(APPTMR_CreatePeriodTimer(77, 1, 0, nullptr, 2), 0U); }, "unknown instance"},
+        {[&] { APPTMR_DeleteInstance(77); }, "unknown instance"},
+        {[&] { APPTMR_DeleteLib(77); }, "unknown library"},
+    };
+    for (const auto &row : rows) {
+        row.misuse();
+        ASSERT_EQ(world.Violations().size(), 1U) << row.told;
+        EXPECT_NE(world.Violations()[0].find(row.told), std::string::npos) << world.Violations()[0];
+        world.ClearViolations();
+    }
+    EXPECT_EQ(world.Allocations().size(), 2U); // block and box
+    EXPECT_THROW(World second, std::logic_error);
+}
+
+TEST(SimBus, KeepsEnvelopesAndDeliversInOrderOfArrival) {
+    World world({.mostAtOnce = 1000});
+    void *message = ZEP_MsgFlowCtrlAlloc_F(1, 2, 8, "a", 1);
+    DMS_MsgRecvCidSet(message, 4);
+    DMS_ZEP_MSG_SET_INTF(message, 3);
+    DMS_ZEP_MSG_SET_SUB_INTF(message, 164);
+    ASSERT_EQ(ZEP_SEND_MSG(5, 6, 932, message, 6), 0U);
+    const std::vector<Record> sent = world.TakeSent();
+    ASSERT_EQ(sent.size(), 1U);
+    const std::vector<std::uint32_t> envelope = {sent[0].sender,  sent[0].cid,      sent[0].receiver,
+                                                 sent[0].arg1,    sent[0].arg2,     sent[0].intf,
+                                                 sent[0].subIntf, sent[0].allocated};
+    EXPECT_EQ(envelope, (std::vector<std::uint32_t>{1, 4, 5, 6, 932, 3, 164, 8}));
+    EXPECT_EQ(sent[0].bytes.size(), 6U);
+    EXPECT_TRUE(world.TakeSent().empty());
+
+    std::string story;
+    const auto note = [&](void *data) {
+        story += std::to_string(DMS_MsgSendCidGet(data)) + ':' + std::to_string(DMS_MsgDataLenGet(data)) +
+                 '@' + std::to_string(world.Uptime()) + ' ';
+    };
+    world.Attach(2, [&](void *data) {
+        note(data);
+        if (DMS_MsgDataLenGet(data) == 1) {
+            Send(2, 3, {1, 2}); // an answer from inside the handler
+            world.Detach(2);
+        }
+    });
+    world.Attach(3, note);
+    world.Post({.sender = 7, .receiver = 2, .bytes = {1, 2, 3}}, 50);
+    world.Post({.sender = 8, .receiver = 2, .bytes = {1}}, 50);
+    Send(1, 2, {});
+    EXPECT_EQ(story, ""); // never from inside a send
+    world.Run(49);
+    EXPECT_EQ(story, "1:0@0 ");
+    world.Post({.sender = 9, .receiver = 2, .bytes = {9}}, 1);
+    world.Run(10);
+    EXPECT_EQ(story, "1:0@0 7:3@50 8:1@50 2:2@50 ");
+    EXPECT_EQ(world.TakeSent().size(), 1U); // that of 9, which came too late for process 2
+    EXPECT_EQ(world.Uptime(), 59U);
+
+    // A link that doubles every message and turns the order round.
+    story.clear();
+    world.SetLink([](World &there, const Record &record) {
+        const std::uint64_t late = record.bytes.size() == 1 ? 10 : 5;
+        there.Post(record, late);
+        there.Post(record, late);
+    });
+    Send(1, 3, {1});
+    Send(1, 3, {1, 2});
+    EXPECT_TRUE(world.RunUntil([&] { return story.size() >= 21; }, 1000));
+    EXPECT_EQ(story, "1:2@64 1:2@64 1:1@69 ");
+    world.Attach(3, [](void *) { Send(3, 3, {1}); });
+    world.SetLink({});
+    Send(1, 3, {1});
+    EXPECT_THROW(world.Run(1), std::runtime_error); // messages that answer each other for ever
+#ifdef __SANITIZE_ADDRESS__
+    const Message exact(world, {.bytes = {1, 2, 3}});
+    EXPECT_DEATH(static_cast<volatile char *>(exact.Data())[3], "heap-buffer-overflow");
+#endif
+}
+
+TEST(SimTimers, ExpireAsMessagesUntilTheyAreDeleted) {
+    World world;
+    expired.clear();
+    const std::uint32_t lib = APPTMR_CreateLib2(8, NoteExpiry, 5);
+    const std::uint32_t other = APPTMR_CreateLib2(9, NoteExpiry, 5);
+    const std::uint32_t instance = APPTMR_CreateInstance(lib, kTimerParams);
+    const std::uint32_t fast = APPTMR_CreatePeriodTimer(instance, 400, 0, &world, 2);
+    const std::uint32_t slow = APPTMR_CreatePeriodTimer(instance, 1000, 0, nullptr, 2);
+    EXPECT_EQ(APPTMR_CreatePeriodTimer(0, 1000, 0, nullptr, 2), 0U);
+    EXPECT_EQ(APPTMR_GetTimerParam(instance, fast), &world);
+    EXPECT_EQ(APPTMR_GetTimerParam(other, fast), nullptr);
+    std::vector<std::uint64_t> times;
+    world.AttachTimers(8, [&](void *message) {
+        times.push_back(world.Uptime());
+        EXPECT_EQ(DMS_MsgRecvIidGet(message), kTimerIid);
+        EXPECT_NE(APPTMR_LibRcvMsg(other, message, 0, nullptr), 0U);
+        EXPECT_EQ(APPTMR_LibRcvMsg(lib, message, 0, nullptr), 0U);
+    });
+    world.Run(1200);
+    EXPECT_EQ(times, (std::vector<std::uint64_t>{400, 800, 1000, 1200}));
+    EXPECT_EQ(expired, (std::vector<std::uint32_t>{fast, fast, slow, fast}));
+
+    world.Advance(900); // messages of 1600, 2000 (twice) are under way
+    EXPECT_EQ(APPTMR_DeleteTimer(instance, fast), 0U);
+    EXPECT_NE(APPTMR_DeleteTimer(instance, fast), 0U);
+    EXPECT_EQ(APPTMR_GetTimerParam(instance, fast), nullptr);
+    const std::uint32_t next = APPTMR_CreatePeriodTimer(instance, 1000, 0, nullptr, 2);
+    EXPECT_TRUE(next != fast && next != slow && next != 0);
+    world.DetachTimers(8);
+    const std::vector<Record> underWay = world.TakeExpiries();
+    ASSERT_EQ(underWay.size(), 3U);
+    expired.clear();
+    for (const Record &record : underWay) {
+        EXPECT_EQ(APPTMR_LibRcvMsg(lib, Message(world, record).Data(), 0, nullptr), 0U);
+    }
+    EXPECT_EQ(expired, std::vector<std::uint32_t>{slow});
+    APPTMR_DeleteInstance(instance);
+    APPTMR_DeleteLib(lib);
+    APPTMR_DeleteLib(other);
+    world.Run(5000);
+    EXPECT_EQ(world.Leaks(), "");
+    EXPECT_TRUE(world.TakeExpiries().empty() && world.Violations().empty());
+}
+
+TEST(SimClock, GoesWhereTheTestPutsIt) {
+    World world;
+    const auto seconds = [] {
+        std::uint32_t now = 0;
+        std::uint32_t own = 0;
+        KAL_SecondNow(&now, &own);
+        return now;
+    };
+    world.Advance(1500);
+    EXPECT_EQ(seconds(), 1001U);
+    world.SetSeconds(0xFFFFFFFF);
+    world.Advance(2000);
+    EXPECT_EQ(seconds(), 1U);
+    EXPECT_EQ(world.Uptime(), 3500U);
+
+    const struct {
+        std::int32_t zone;
+        SysTime local;
+    } rows[] = {{0, {2024, 2, 28, 20, 0, 0, 3, 7}},
+                {480, {2024, 2, 29, 4, 0, 0, 4, 7}},
+                {-1230, {2024, 2, 27, 23, 30, 0, 2, 7}}};
+    world.SetGmt({2024, 2, 28, 19, 59, 59, 0, 7});
+    world.Advance(1000);
+    for (const auto &row : rows) {
+        world.SetZone(row.zone);
+        SysTime gmt;
+        SysTime local;
+        std::uint32_t flag = 1;
+        ASSERT_EQ(ZEP_GMT_SystimeGet(&gmt), 0U);
+        ASSERT_EQ(ZEP_Gmt2LocalTime(&gmt, &local, &flag), 0U);
+        EXPECT_EQ(memcmp(&local, &row.local, sizeof local), 0) << row.zone;
+    }
+    EXPECT_THROW(world.SetGmt({2023, 2, 29, 0, 0, 0, 0, 0}), std::invalid_argument);
+}
+
+std::uint32_t LogNothing(ND_LIB_Instance *, std::uint32_t, const char *, ...) {
+    return 0;
+}
+
+TEST(SimExample, DoesWhatItSays) {
+    const ND_LIB_FrameRegister frame = {11, 12, 13, 14, 15, LogNothing, 0, 0};
+    const ND_LIB_ConsumerRegister consumer = {
+        1, [](ND_LIB_Instance *, void *) { return 0U; },
+        [](ND_LIB_Instance *, std::uint32_t, std::uint32_t) { return 0U; },
+        [](ND_LIB_Instance *, const ND_LIB_TlvHead *) { return 0U; }};
+    EXPECT_TRUE(RegistrationIsRepeated(frame, consumer));
+}
+
+} // namespace
+} // namespace pegeir::sim
