@@ -28,7 +28,7 @@ target_compile_options(
             $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
             $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>)
 if(PEGEIR_SANITIZE)
-  target_compile_options(pegeir_compile INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all
+  target_compile_options(pegeir_compile INTERFACE -O1 -fsanitize=address,undefined -fno-sanitize-recover=all
                                                   -fno-omit-frame-pointer)
   target_link_options(pegeir_compile INTERFACE -fsanitize=address,undefined)
 endif()

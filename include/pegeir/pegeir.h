@@ -31,6 +31,8 @@
  *    ND_LIB_AddOptionData, ND_LIB_StartVerify, ND_LIB_StopVerify, ND_LIB_SetVerifyCycle,
  *    ND_LIB_GetAppLocal and ND_LIB_GetDiagnoseInfo, on the instance it was handed.  It must not call
  *    ND_LIB_MsgProcess, ND_LIB_NotifyNdCompState, ND_LIB_RegisterConsumer or ND_LIB_Deinit there.
+ *    Requests report through the log function themselves, so a log function that makes one must guard
+ *    against being entered again.
  *  - Pointers handed in are read during the call and not kept, unless a declaration says otherwise.
  *  - Times are seconds of the platform's monotonic clock.  Numbers are in host byte order, except
  *    inside key, data and record bytes, which the library passes through untouched.
@@ -102,7 +104,8 @@ typedef struct ND_LIB_FrameRegister {
  * state is "Init", verification is off with a cycle of 60 seconds.
  * Returns the instance, to be released with ND_LIB_Deinit, or null when frame is missing, one of its
  * first six words is zero, or memory is short (asserted).  An instance whose timer service could not
- * be set up is returned all the same; nothing will then be repeated.
+ * be set up is returned all the same, but gets no further than registering: everything after that is
+ * driven by the one-second timer.
  */
 ND_LIB_API ND_LIB_NODISCARD ND_LIB_Instance *ND_LIB_Init(const ND_LIB_FrameRegister *frame);
 
@@ -117,8 +120,9 @@ enum {
 /*
  * Asks the consumer to subscribe its items with ND_LIB_Subscribe, before each upload: after every
  * registration with the component, and at the start of every verification pass.
- * optionData is what ND_LIB_AddOptionData stored, or null; it is released once the answer is
- * ND_LIB_PACK_DONE.
+ * optionData is what ND_LIB_AddOptionData stored, or null; it is valid until the callback returns or
+ * calls ND_LIB_AddOptionData.  After ND_LIB_PACK_DONE whatever is stored by then is released, also a
+ * copy made during this call: add it again later if the next collection needs it.
  */
 typedef uint32_t (*ND_LIB_PackSubscribeFunc)(ND_LIB_Instance *instance, void *optionData);
 
@@ -159,7 +163,8 @@ typedef struct ND_LIB_ConsumerRegister {
 /*
  * Sets the callbacks from *consumer, which is copied, and an empty store.  Call it once, right after
  * ND_LIB_Init.  Every registration, the first as well as a later one, begins by releasing pending
- * requests and option data.
+ * requests and option data; the state machine goes on where it stands, and the new packSubscribeFunc is
+ * asked when it next collects.
  * Returns ND_LIB_OK, or ND_LIB_ERR_PARAM without an instance (not asserted) or for a table that is
  * missing or has a zero word (asserted, nothing changed).
  */
@@ -173,7 +178,8 @@ ND_LIB_API uint32_t ND_LIB_RegisterConsumer(ND_LIB_Instance *instance,
 ND_LIB_API uint32_t ND_LIB_GetAppLocal(const ND_LIB_Instance *instance);
 
 /*
- * Keeps a copy of length bytes (0 to 10000) for packSubscribeFunc, in place of an earlier copy.
+ * Keeps a copy of length bytes (0 to 10000) for packSubscribeFunc, in place of an earlier copy, which is
+ * released first: data must not lie in it.
  * Returns ND_LIB_OK, or ND_LIB_ERR when instance or data is missing (nothing changed) or the copy
  * cannot be had (reported; the earlier copy is gone).
  */
@@ -218,8 +224,10 @@ typedef struct ND_LIB_ItemHead {
  * an ndpi message of 8000 bytes (key and data together above 7972 bytes) is accepted, and reported
  * and set aside when its turn comes.  When the component goes down, pending requests are dropped:
  * packSubscribeFunc is asked again once it is back.
- * Return ND_LIB_OK when stored, ND_LIB_ERR for a missing argument (asserted) or before
- * ND_LIB_RegisterConsumer, ND_LIB_ERR_SUBSCRIBE when the key is empty, a length is above 10000 or
+ * One shortage is not told: when memory for the data bytes is missing at the very last step, the call
+ * returns ND_LIB_OK, and the item goes out without data bytes and with the kind of its earlier request.
+ * Return ND_LIB_OK when stored, ND_LIB_ERR for a missing argument or before
+ * ND_LIB_RegisterConsumer (asserted), ND_LIB_ERR_SUBSCRIBE when the key is empty, a length is above 10000 or
  * memory is short.
  */
 ND_LIB_API uint32_t ND_LIB_Subscribe(ND_LIB_Instance *instance, const ND_LIB_ItemHead *keyHead,
@@ -231,7 +239,7 @@ ND_LIB_API uint32_t ND_LIB_UnSubscribe(ND_LIB_Instance *instance, const ND_LIB_I
 
 /*
  * Handles one platform message: an expiry of the timer service or a message of the ND component.
- * Every callback but the log function runs from here or from ND_LIB_NotifyNdCompState.
+ * Every callback but the log function runs from here only.
  * message is the data area of a message that the platform delivered; it stays the caller's, but data
  * records in it are rewritten in place.
  * Returns ND_LIB_OK; ND_LIB_ERR for a missing argument (asserted) or while the component is not
@@ -251,7 +259,8 @@ typedef struct ND_LIB_CompState {
 /*
  * Tells the library that the ND component has come or gone.  Coming starts the registration and the
  * one-second timer; going drops all pending requests and stops the timer.  Repeating the present
- * state changes nothing.  A missing argument is asserted.
+ * state changes nothing.  If the timer cannot be started, nothing more is sent by itself until the
+ * component has gone and come again.  A missing argument is asserted.
  */
 ND_LIB_API void ND_LIB_NotifyNdCompState(ND_LIB_Instance *instance, const ND_LIB_CompState *state);
 

@@ -13,7 +13,7 @@ uint32_t ND_LIB_GetDiagnoseInfo(ND_LIB_Instance *instance, char *buffer, uint32_
     }
     if (restart == 1) {
         ND_LIB_ClearDiagnosePosion(instance);
-        pegeir::debug::RewindBoxes(instance, buffer, bufferLen);
+        pegeir::debug::RewindBoxes(instance);
     }
     if (ND_LIB_ShowDiagnoseInfoByType(instance, buffer, bufferLen, pageLen) == ND_LIB_DIAG_MORE) {
         return ND_LIB_OK;

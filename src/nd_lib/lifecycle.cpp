@@ -28,8 +28,8 @@ ND_LIB_Instance *ND_LIB_Init(const ND_LIB_FrameRegister *frame) {
         AssertFailed(kInstanceModule);
         return nullptr;
     }
-    auto *instance =
-        static_cast<ND_LIB_Instance *>(ND_LIB_ZeroAlloc(frame->memHandle, sizeof(ND_LIB_Instance)));
+    auto *instance = static_cast<ND_LIB_Instance *>(
+        pegeir::ZeroAlloc(kInstanceModule, frame->memHandle, sizeof(ND_LIB_Instance)));
     if (instance == nullptr) {
         AssertFailed(kInstanceModule);
         return nullptr;
@@ -47,7 +47,7 @@ ND_LIB_Instance *ND_LIB_Init(const ND_LIB_FrameRegister *frame) {
     instance->verifyCycle = ND_LIB_VERIFY_CYCLE_DEFAULT;
     instance->isNeedVerify = 0;
     ND_LIB_InitFsmRecord(instance);
-    (void)ND_LIB_InitTmr(instance); // without timers the instance still serves messages and reports
+    (void)ND_LIB_InitTmr(instance); // without timers the instance still registers and reports
     ND_LIB_BlackboxInit(instance);
     pegeir::RefreshClock(instance);
     return instance;
@@ -72,7 +72,10 @@ void ND_LIB_Deinit(ND_LIB_Instance *instance) {
         return;
     }
     ND_LIB_StopBackupTimer(instance); // needs the timer service, which goes next
+    // A timer whose deletion was refused ends with the service; only then may its record go.
+    ND_LIB_TmrParam *refused = pegeir::timer::FindParam(instance, instance->consumer.backupTimer);
     ND_LIB_DeInitTmr(instance);
+    pegeir::Free(pegeir::kTimerModule, refused);
     ND_LIB_BlackboxFree(instance); // from here on nothing traces
     pegeir::ReleaseOptionData(instance);
     ND_LIB_DeleteAllKeyEntry(instance);

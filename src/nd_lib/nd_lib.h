@@ -21,8 +21,8 @@ struct ND_LIB_ConsumerInfo {
     uint8_t *optionData;          // owned; its length is not kept
     uint32_t nextSendCtrlMsgTime; // when the control message of the current state may go out again
     uint8_t ctrlMsgSendCnt;       // its sends since the last transition, stops at 255
-    uint16_t maxKeyLength;        // largest keyLen + 4 stored so far
-    uint16_t maxValueLength;      // largest dataLen + 4 stored so far
+    uint16_t maxKeyLength;        // largest keyLen + 4 of any key entry made, never lowered
+    uint16_t maxValueLength;      // largest dataLen + 4 asked for, never lowered
     KAL_RBT_Tree subscribeTree;
     ND_LIB_List subscribingList;
     ND_LIB_List unsubscribingList;

@@ -14,8 +14,10 @@ const uint8_t *ItemBytes(const ND_LIB_ItemHead *head) {
 }
 
 // Returns a copy of the item's bytes, or null.
-uint8_t *CopyItem(const ND_LIB_Instance *instance, const ND_LIB_ItemHead *head) {
-    auto *copy = static_cast<uint8_t *>(ND_LIB_ZeroAlloc(instance->memHandle, head->len));
+uint8_t *CopyItem(const ND_LIB_Instance *instance, const ND_LIB_ItemHead *head,
+                  uint32_t line = __builtin_LINE()) {
+    auto *copy =
+        static_cast<uint8_t *>(pegeir::ZeroAlloc(kInstanceModule, instance->memHandle, head->len, line));
     if (copy != nullptr) {
         (void)memcpy_s(copy, head->len, ItemBytes(head), head->len); // cannot fail: the sizes are equal
     }
@@ -33,8 +35,8 @@ bool FillDataNode(ND_LIB_DataNode *node, const ND_LIB_Instance *instance, const 
             return false;
         }
     }
-    auto *key =
-        static_cast<ND_LIB_KeyEntry *>(ND_LIB_ZeroAlloc(instance->memHandle, sizeof(ND_LIB_KeyEntry)));
+    auto *key = static_cast<ND_LIB_KeyEntry *>(
+        pegeir::ZeroAlloc(kInstanceModule, instance->memHandle, sizeof(ND_LIB_KeyEntry)));
     if (key == nullptr) {
         return false;
     }
@@ -64,8 +66,8 @@ ND_LIB_DataNode *ND_LIB_GetDataNode(ND_LIB_Instance *instance, const ND_LIB_Item
         PEGEIR_FAILURE(instance, "GetDataNode keyHead len error");
         return nullptr;
     }
-    auto *node =
-        static_cast<ND_LIB_DataNode *>(ND_LIB_ZeroAlloc(instance->memHandle, sizeof(ND_LIB_DataNode)));
+    auto *node = static_cast<ND_LIB_DataNode *>(
+        pegeir::ZeroAlloc(kInstanceModule, instance->memHandle, sizeof(ND_LIB_DataNode)));
     if (node != nullptr && !FillDataNode(node, instance, keyHead, dataHead)) {
         ND_LIB_FreeDataNode(node);
         node = nullptr;

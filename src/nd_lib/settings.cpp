@@ -34,7 +34,7 @@ uint32_t ND_LIB_AddOptionData(ND_LIB_Instance *instance, const void *data, uint3
         return ND_LIB_ERR;
     }
     pegeir::ReleaseOptionData(instance);
-    auto *copy = static_cast<uint8_t *>(ND_LIB_ZeroAlloc(instance->memHandle, length));
+    auto *copy = static_cast<uint8_t *>(pegeir::ZeroAlloc(kInstanceModule, instance->memHandle, length));
     if (copy == nullptr) {
         PEGEIR_LOG(instance, ND_LIB_LOG_FAILURE, "AddOptionData malloc failed");
         return ND_LIB_ERR;

@@ -41,7 +41,7 @@ struct ND_LIB_DataEntry {
     uint32_t state; // always 0; shown in the report
     uint8_t subscribeState;
     uint8_t sendCnt;              // sends since the latest request, stops at 255
-    uint32_t sendTransNumber;     // number of the message that last carried the entry
+    uint32_t sendTransNumber;     // number of the message that last carried it, 0 until sent since then
     uint32_t nextSendTime;        // when a sent entry is due again
     ND_LIB_ListNode workListNode; // on one of the work lists, or free
 };
@@ -93,9 +93,9 @@ ND_LIB_API ND_LIB_DataEntry *ND_LIB_CreateDataEntry(ND_LIB_KeyEntry *keyEntry, c
 ND_LIB_API void ND_LIB_UpdateDataEntry(ND_LIB_DataEntry *entry, const ND_LIB_DataNode *node,
                                        ND_LIB_Instance *instance);
 
-// Stores a request: the item's entry takes it over and moves to the tail of subscribingList or
-// unsubscribingList.  Returns the entry, or null when it could not be made; nothing is left of the
-// request then.
+// Stores a request: the item's entry takes it over, as ND_LIB_UpdateDataEntry does, and moves to the tail
+// of the list of its kind.  Returns the entry, or null when it could not be made; no entry is left of
+// the request then, though maxKeyLength and maxValueLength may stay raised.
 ND_LIB_API ND_LIB_DataEntry *ND_LIB_SerchOrCreateDataEntry(const ND_LIB_DataNode *node,
                                                            ND_LIB_Instance *instance);
 

@@ -1,7 +1,7 @@
 // The two trace boxes.
 //
 //   line  := stamp text LF                     at most 255 bytes
-//   stamp := M-D h:m:s:ms [zone] SP            local time, no leading zeros
+//   stamp := M-D SP h:m:s:ms[zone] SP          local time, no leading zeros
 //   zone  := "-" hh ":" mm                     distance to GMT, left out when there is none
 //
 // A line is formatted in the box's own line buffer and written with one call.
@@ -35,7 +35,9 @@ int FormatStamp(ND_LIB_BlackBoxLine &line) {
     }
     SysTime local = {};
     uint32_t flag = 1;
-    (void)ZEP_Gmt2LocalTime(&gmt, &local, &flag);
+    if (ZEP_Gmt2LocalTime(&gmt, &local, &flag) != 0) {
+        local = gmt; // a line in GMT says more than one without a time
+    }
     ND_LIB_BlackBoxLine zone = {};
     (void)ND_LIB_GetTimeZone(gmt, local, zone, sizeof(zone));
     if (KAL_StrCmp(zone, "-00:00") == 0) {
@@ -55,15 +57,22 @@ struct OldBox {
 };
 
 // Reads on to the end, so that the next read begins at the oldest line; *unread is how much there was.
+// A read that fails leaves the position where it is, so it is tried again before giving up.
 bool ReadToEnd(void *box, char *buffer, uint32_t size, uint32_t *unread) {
+    constexpr uint32_t kTries = 3;
     *unread = 0;
-    for (;;) {
+    for (uint32_t failures = 0; failures < kTries;) {
         const int32_t count = ReadBlockFromBlackBox(box, buffer, size);
-        if (count <= 0) {
-            return count == 0;
+        if (count == 0) {
+            return true;
         }
-        *unread += static_cast<uint32_t>(count);
+        if (count > 0) {
+            *unread += static_cast<uint32_t>(count);
+        } else {
+            ++failures;
+        }
     }
+    return false;
 }
 
 // Reads bytes that nobody needs, from the oldest line on.
@@ -177,7 +186,7 @@ uint32_t ND_LIB_CheckBlackBoxNeedExpand(const ND_LIB_BlackBoxDesc *desc) {
 }
 
 void ND_LIB_ExpandBlackBox(ND_LIB_BlackBoxDesc *desc, ND_LIB_Instance *instance) {
-    if (desc == nullptr) {
+    if (desc == nullptr || desc->bbHandle == nullptr) {
         return;
     }
     const uint32_t newSize = uint32_t{desc->curSize} + desc->stepSize;
@@ -189,7 +198,8 @@ void ND_LIB_ExpandBlackBox(ND_LIB_BlackBoxDesc *desc, ND_LIB_Instance *instance)
     OldBox old = {desc->bbHandle, contentLen > 0 ? static_cast<uint32_t>(contentLen) : 0, 0};
     const uint32_t size = old.content + sizeof(ND_LIB_BlackBoxLine);
     auto *buffer = static_cast<char *>(pegeir::ZeroAlloc(kDebugModule, instance->memHandle, size));
-    if (buffer == nullptr || !CopyBox(old, newBox, buffer, size)) {
+    if (buffer == nullptr || static_cast<BlackBoxHead *>(newBox)->usable == 0 ||
+        !CopyBox(old, newBox, buffer, size)) {
         DestroyBlackBox(newBox);
     } else {
         DestroyBlackBox(old.handle);
@@ -232,11 +242,12 @@ void ND_LIB_ReadBlackBox(ND_LIB_Instance *instance, uint32_t box, char *buffer, 
     }
 }
 
-void pegeir::debug::RewindBoxes(ND_LIB_Instance *instance, char *scratch, uint32_t length) {
+void pegeir::debug::RewindBoxes(ND_LIB_Instance *instance) {
+    ND_LIB_BlackBoxLine scratch;
     for (const ND_LIB_BlackBoxDesc &desc : instance->blackBox) {
         if (desc.bbHandle != nullptr) {
             uint32_t unread = 0;
-            (void)ReadToEnd(desc.bbHandle, scratch, length, &unread); // else the pass goes on where it is
+            (void)ReadToEnd(desc.bbHandle, scratch, sizeof(scratch), &unread);
         }
     }
 }

@@ -48,7 +48,8 @@ ND_LIB_API void ND_LIB_BlackboxInit(ND_LIB_Instance *instance);
 // Destroys the boxes that were made.
 ND_LIB_API void ND_LIB_BlackboxFree(ND_LIB_Instance *instance);
 
-// Traces one line: time stamp, the formatted text, a line feed; cut to 255 bytes.
+// Traces one line: time stamp, the formatted text, a line feed; cut to 255 bytes.  The line is dropped
+// when box or clock cannot be had; a missing instance or a box above 1 is ignored.
 ND_LIB_API void ND_LIB_BlackBox(ND_LIB_Instance *instance, uint32_t box, const char *format, ...)
     ND_LIB_PRINTF(3, 4);
 
@@ -74,7 +75,8 @@ ND_LIB_API void ND_LIB_ExpandBlackBox(ND_LIB_BlackBoxDesc *desc, ND_LIB_Instance
 ND_LIB_API uint32_t ND_LIB_GetTimeZone(SysTime gmt, SysTime local, char *text, uint32_t length);
 
 // Reads on in a box, into buffer behind the *count bytes already there, leaving one byte free.  Adds
-// what was read to *count and keeps it in diagnoseReadLen, 0 when there is nothing more.
+// what was read to *count and keeps it in diagnoseReadLen, 0 when there is nothing more.  A box above
+// 1 is ignored.
 ND_LIB_API void ND_LIB_ReadBlackBox(ND_LIB_Instance *instance, uint32_t box, char *buffer, uint32_t length,
                                     uint32_t *count);
 
@@ -120,8 +122,8 @@ ND_LIB_API void ND_LIB_ClearDiagnosePosion(ND_LIB_Instance *instance);
 
 namespace pegeir::debug {
 
-// Makes the next read of each box begin at its oldest line; scratch is overwritten.
-void RewindBoxes(ND_LIB_Instance *instance, char *scratch, uint32_t length);
+// Makes the next read of each box begin at its oldest line.
+void RewindBoxes(ND_LIB_Instance *instance);
 
 } // namespace pegeir::debug
 

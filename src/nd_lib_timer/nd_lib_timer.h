@@ -49,4 +49,11 @@ ND_LIB_API uint32_t ND_LIB_TmrLib_Timeout(uint32_t timerId, uint32_t value, void
 
 } // extern "C"
 
+namespace pegeir::timer {
+
+// Returns the record of the running timer timerId, or null when there is none.
+ND_LIB_TmrParam *FindParam(const ND_LIB_Instance *instance, uint32_t timerId);
+
+} // namespace pegeir::timer
+
 #endif

@@ -7,6 +7,15 @@
 
 using pegeir::kTimerModule;
 
+ND_LIB_TmrParam *pegeir::timer::FindParam(const ND_LIB_Instance *instance, uint32_t timerId) {
+    const ND_LIB_TmrCtx *context = instance->tmrCtx;
+    if (timerId == 0 || context == nullptr || context->tmrInstHandle == 0) {
+        return nullptr;
+    }
+    auto *param = static_cast<ND_LIB_TmrParam *>(APPTMR_GetTimerParam(context->tmrInstHandle, timerId));
+    return param != nullptr && param->timerId == timerId ? param : nullptr;
+}
+
 uint32_t ND_LIB_InitTmr(ND_LIB_Instance *instance) {
     auto *context = static_cast<ND_LIB_TmrCtx *>(
         pegeir::ZeroAlloc(kTimerModule, instance->memHandle, sizeof(ND_LIB_TmrCtx)));
@@ -75,12 +84,11 @@ uint32_t ND_LIB_StopTmr(ND_LIB_Instance *instance, uint32_t *timerId) {
     if (instance->tmrCtx == nullptr || instance->tmrCtx->tmrInstHandle == 0) {
         return ND_LIB_ERR;
     }
-    const uint32_t timers = instance->tmrCtx->tmrInstHandle;
-    auto *param = static_cast<ND_LIB_TmrParam *>(APPTMR_GetTimerParam(timers, *timerId));
-    if (param == nullptr || param->timerId != *timerId) {
+    ND_LIB_TmrParam *param = pegeir::timer::FindParam(instance, *timerId);
+    if (param == nullptr) {
         return ND_LIB_OK;
     }
-    if (APPTMR_DeleteTimer(timers, *timerId) != 0) {
+    if (APPTMR_DeleteTimer(instance->tmrCtx->tmrInstHandle, *timerId) != 0) {
         return ND_LIB_ERR;
     }
     pegeir::Free(kTimerModule, param);

@@ -193,7 +193,7 @@ PEGEIR_PLATFORM_API void *APPTMR_GetTimerParam(uint32_t instance, uint32_t timer
 PEGEIR_PLATFORM_API uint32_t APPTMR_DeleteTimer(uint32_t instance, uint32_t timerId);
 
 /* Processes a message with receiver IID 3: runs the expiry callback of lib for each timer that the
- * message tells of and that still exists.  zero is 0.  Returns 0, or an error code. */
+ * message tells of and that still exists.  zero is 0.  Returns 0, or an error code, also when lib is 0. */
 PEGEIR_PLATFORM_API uint32_t APPTMR_LibRcvMsg(uint32_t lib, void *message, uint32_t zero, void *arg);
 
 /* Release a timer instance with its timers, and a timer library. */
@@ -206,7 +206,7 @@ enum { BLACK_BOX_LINE_SIZE = 256 };
 
 /*
  * How each box object begins.  The library formats a line in place and hands it to WriteBlackBox; it
- * writes to a box only while usable is not 0.
+ * writes no line, and takes no box in place of another, while usable is 0.
  */
 typedef struct BlackBoxHead {
     uint32_t reserved1;

@@ -1,0 +1,454 @@
+// Whole stories: an instance and a component from registration on.
+
+#include <gtest/gtest.h>
+
+#include "support/driver.hpp"
+
+namespace pegeir::tests {
+namespace {
+
+using Codes = std::vector<uint32_t>;
+
+class Session : public testing::Test {
+protected:
+    ~Session() override {
+        EXPECT_EQ(BrokenInvariant(d.nd), "");
+        d.Deinit();
+        EXPECT_EQ(world.Leaks(), "");
+        EXPECT_TRUE(world.Violations().empty());
+        EXPECT_TRUE(world.Assertions().empty());
+    }
+
+    sim::World world;
+    Driver d{world};
+};
+
+TEST_F(Session, RunsFromRegistrationToReadyAndFollowsUpdates) {
+    d.onPack = [&] {
+        EXPECT_EQ(d.Subscribe(NumberedItem(7)), ND_LIB_OK);
+        EXPECT_EQ(d.Subscribe({1, {10, 0, 0, 1}, 7, {}}), ND_LIB_OK);
+        return uint32_t{ND_LIB_PACK_DONE};
+    };
+    d.Up();
+    const Ndpi registration = d.SentOne(NDPI_MSG_REGISTER);
+    EXPECT_EQ(registration.trans, 1U);
+    EXPECT_EQ(registration.receiver, Driver::kNd);
+    EXPECT_TRUE(registration.body.empty());
+    EXPECT_EQ(d.Ack(registration), ND_LIB_OK);
+    EXPECT_EQ(d.State(), ND_LIB_FSM_SUBSCRIBE_BEGIN);
+
+    d.Run(1);
+    d.Ack(d.SentOne(NDPI_MSG_SUBSCRIBE_BEGIN));
+    const Ndpi data = d.SentOne(NDPI_MSG_SUBSCRIBE_DATA);
+    EXPECT_EQ(data.body, Join({NumberedItem(7).Record(), Item{1, {10, 0, 0, 1}, 7, {}}.Record()}));
+    EXPECT_EQ(Bytes(data.body.end() - 16, data.body.end()),
+              (Bytes{0, 18, 0, 12, 0, 1, 0, 4, 10, 0, 0, 1, 0, 7, 0, 0}));
+    EXPECT_EQ(d.Ack(data), ND_LIB_OK);
+    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 0U);
+    EXPECT_EQ(d.State(), ND_LIB_FSM_SUBSCRIBE_DATA);
+    d.Run(1);
+    EXPECT_EQ(d.State(), ND_LIB_FSM_SUBSCRIBE_END);
+    d.Run(1);
+    d.Ack(d.SentOne(NDPI_MSG_SUBSCRIBE_END));
+    EXPECT_EQ(d.State(), ND_LIB_FSM_WAIT_SMOOTH);
+    d.Run(300); // however long it takes
+    EXPECT_TRUE(d.Sent().empty());
+
+    const Bytes one = Join({Tlv(100, {1, 2, 3}), Tlv(101, {})});
+    d.Download(5, {one, Tlv(102, {4}), Tlv(103, {5})});
+    EXPECT_EQ(d.State(), ND_LIB_FSM_READY);
+    EXPECT_EQ(d.nd->consumer.sequenceNum, 8U);
+    EXPECT_EQ(d.events, (Codes{0, 1}));
+    EXPECT_EQ(d.records, (std::vector<Delivered>{{100, {1, 2, 3}}, {101, {}}, {102, {4}}, {103, {5}}}));
+
+    // The acknowledgement of an update leaves before its records are delivered, and goes to whoever
+    // sent it, with everything but the flag echoed, reserved word included.
+    d.records.clear();
+    Bytes update =
+        Ndpi{.type = NDPI_MSG_REAL_UPDATE, .trans = 9, .seq = 77, .body = Tlv(9, Bytes(20, 1)), .flags = 5}
+            .Wire();
+    update[11] = 0x42;
+    d.onRecord = [&](const Delivered &) {
+        auto sent = world.TakeSent();
+        ASSERT_EQ(sent.size(), 1U);
+        EXPECT_EQ(sent[0].receiver, 0x99U);
+        EXPECT_EQ(sent[0].cid, 0x99U);
+        Bytes expected = update;
+        expected[2] = 0x85;
+        EXPECT_EQ(sent[0].bytes, expected);
+    };
+    EXPECT_EQ(d.ReceiveBytes(update, NDPI_MSG_SUB_INTF, 0x99), ND_LIB_OK);
+    EXPECT_EQ(d.records, (std::vector<Delivered>{{9, Bytes(20, 1)}}));
+    EXPECT_EQ(d.nd->transNumber, 4U);
+}
+
+TEST_F(Session, RepeatsWhatIsNotAcknowledgedAtPacedTimes) {
+    d.Subscribe(NumberedItem(1));
+    const auto timesOf = [&](uint8_t type, uint32_t seconds) { // seconds at which type went out
+        Codes times;
+        for (uint32_t second = 1; second <= seconds; ++second) {
+            d.Run(1);
+            for (const Ndpi &sent : d.Sent()) {
+                EXPECT_EQ(int{sent.type}, int{type});
+                times.push_back(second);
+            }
+        }
+        return times;
+    };
+    // Entering a state clears its pacing, so its first timeout always sends.
+    const Codes paced = {1, 3, 7, 13, 21};
+    d.Up();
+    Ndpi last = d.SentOne(NDPI_MSG_REGISTER);
+    EXPECT_EQ(timesOf(NDPI_MSG_REGISTER, 22), paced);
+    EXPECT_EQ(d.Ack(last), ND_LIB_ERR_MSG); // only the latest number counts
+    last.trans = d.nd->transNumber;
+    EXPECT_EQ(d.Ack(last), ND_LIB_OK);
+    EXPECT_EQ(timesOf(NDPI_MSG_SUBSCRIBE_BEGIN, 22), paced);
+    EXPECT_EQ(d.Ack({.type = NDPI_MSG_SUBSCRIBE_BEGIN, .trans = d.nd->transNumber}), ND_LIB_OK);
+    EXPECT_EQ(d.SentOne(NDPI_MSG_SUBSCRIBE_DATA).trans, 12U);
+    // An entry goes out when it is due: 2, 4, 6 ... seconds after its last send.
+    EXPECT_EQ(timesOf(NDPI_MSG_SUBSCRIBE_DATA, 31), (Codes{2, 6, 12, 20, 30}));
+    // A late acknowledgement of an earlier send settles nothing; the one of the last send does, also
+    // after the entry has gone back to its list.
+    const Bytes record = NumberedItem(1).Record();
+    d.Ack({.type = NDPI_MSG_SUBSCRIBE_DATA, .trans = 16, .body = record});
+    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 1U);
+    world.FailNext(sim::Op::kSend, 2);
+    d.Run(12);
+    EXPECT_EQ(d.nd->consumer.subscribingList.count, 0U); // sent again a second after the refusal
+    d.Ack({.type = NDPI_MSG_SUBSCRIBE_DATA, .trans = d.nd->transNumber, .body = record});
+    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 0U);
+}
+
+TEST_F(Session, PacingStopsGrowing) {
+    uint32_t time = 0;
+    uint8_t count = 0;
+    for (uint32_t send = 1; send <= 300; ++send) {
+        ND_LIB_SetNextSendTime(d.nd, &time, &count);
+        EXPECT_EQ(time - d.nd->secNow, send < 60 ? 2 * send : 120);
+        EXPECT_EQ(count, send < 255 ? send : 255);
+    }
+}
+
+TEST_F(Session, RepairsAGapWithAFreshDownload) {
+    for (const uint8_t type : {NDPI_MSG_SMOOTH_DATA, NDPI_MSG_SMOOTH_END}) {
+        d.Down();
+        (void)d.Sent();
+        d.ToState(ND_LIB_FSM_WAIT_SMOOTH_DATA);
+        EXPECT_EQ(d.Receive({.type = type, .trans = 1, .seq = 2, .body = Tlv(1, {1})}), ND_LIB_ERR_SEQUENCE);
+        EXPECT_EQ(d.State(), ND_LIB_FSM_SEQUENCE_ERROR);
+        EXPECT_TRUE(d.records.empty());
+        (void)d.SentOne(NDPI_MSG_SEQUENCE_ERROR);
+        d.Run(3); // repeated after 1 and 3 seconds
+        const auto repeated = d.Sent();
+        ASSERT_EQ(repeated.size(), 2U);
+        EXPECT_EQ(d.Ack(repeated[1]), ND_LIB_OK);
+        EXPECT_EQ(d.State(), ND_LIB_FSM_WAIT_SMOOTH);
+        d.Download(40, {Tlv(1, {2})});
+        EXPECT_EQ(d.State(), ND_LIB_FSM_READY);
+        EXPECT_EQ(d.records, (std::vector<Delivered>{{1, {2}}}));
+        d.records.clear();
+    }
+}
+
+TEST_F(Session, ANewBeginRestartsTheDownload) {
+    d.ToState(ND_LIB_FSM_WAIT_SMOOTH_DATA);
+    d.Receive({.type = NDPI_MSG_SMOOTH_DATA, .seq = 1, .body = Tlv(1, {1})});
+    d.events.clear();
+    d.Download(0xFFFFFFFF, {Tlv(1, {1}), Tlv(2, {})}); // numbers wrap around
+    EXPECT_EQ(d.events, (Codes{0, 1}));
+    // A repeated end, whose first acknowledgement was lost, is answered again.
+    EXPECT_EQ(d.Receive({.type = NDPI_MSG_SMOOTH_END, .trans = 72, .seq = 1}), ND_LIB_OK);
+    EXPECT_TRUE(d.SentOne(NDPI_MSG_SMOOTH_END).IsAck());
+    EXPECT_EQ(d.events, (Codes{0, 1, 1}));
+}
+
+TEST_F(Session, SendsChangesInTheReadyState) {
+    d.ToState(ND_LIB_FSM_READY);
+    d.Run(5);
+    EXPECT_TRUE(d.Sent().empty());
+    d.Subscribe(NumberedItem(1));
+    d.UnSubscribe(NumberedItem(2));
+    d.Run(1);
+    auto sent = d.Sent();
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_EQ(sent[0].type, NDPI_MSG_SUBSCRIBE_DATA);
+    EXPECT_EQ(sent[0].body, NumberedItem(1).Record());
+    EXPECT_EQ(sent[1].type, NDPI_MSG_UNSUBSCRIBE_DATA);
+    EXPECT_EQ(sent[1].body, NumberedItem(2).Record());
+    // The consumer changes its mind before the answer: the old acknowledgement no longer counts.
+    d.UnSubscribe(NumberedItem(1));
+    d.Ack(sent[0]);
+    d.Ack(sent[1]);
+    EXPECT_EQ(d.nd->consumer.unsubscribingList.count, 1U);
+    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 1U);
+    d.Run(1);
+    d.Ack(d.SentOne(NDPI_MSG_UNSUBSCRIBE_DATA));
+    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 0U);
+    EXPECT_EQ(d.nd->consumer.sendSubNum, 1U);
+    EXPECT_EQ(d.nd->consumer.sendUnSubNum, 2U);
+}
+
+TEST_F(Session, UnsubscribeRequestsDoNotHoldUpTheFirstUpload) {
+    d.onPack = [&] {
+        d.Subscribe(NumberedItem(1));
+        d.UnSubscribe(NumberedItem(2));
+        return uint32_t{ND_LIB_PACK_DONE};
+    };
+    d.ToState(ND_LIB_FSM_READY);
+    EXPECT_EQ(d.nd->consumer.unsubscribingList.count, 1U);
+    d.Run(1);
+    d.Ack(d.SentOne(NDPI_MSG_UNSUBSCRIBE_DATA));
+    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 0U);
+}
+
+TEST_F(Session, CollectsOverSeveralRounds) {
+    const Bytes option = {1, 2, 3};
+    EXPECT_EQ(ND_LIB_AddOptionData(d.nd, option.data(), 3), ND_LIB_OK);
+    uint32_t round = 0;
+    d.onPack = [&] {
+        d.Subscribe(NumberedItem(round));
+        return ++round == 4 ? uint32_t{ND_LIB_PACK_DONE} : round == 3 ? 9U : uint32_t{ND_LIB_PACK_MORE};
+    };
+    d.Up();
+    d.Ack(d.SentOne(NDPI_MSG_REGISTER));
+    EXPECT_EQ(d.State(), ND_LIB_FSM_COLLECT_SUBSCRIBE);
+    d.Run(2); // the third answer is odd and changes nothing
+    EXPECT_EQ(d.State(), ND_LIB_FSM_COLLECT_SUBSCRIBE);
+    EXPECT_NE(d.nd->consumer.optionData, nullptr);
+    EXPECT_EQ(d.nd->consumer.fsmRecordNum, 3U); // up, collect, collect to itself
+    d.Run(1);
+    EXPECT_EQ(d.State(), ND_LIB_FSM_SUBSCRIBE_BEGIN);
+    EXPECT_EQ(d.nd->consumer.optionData, nullptr);
+    ASSERT_EQ(d.optionDataSeen.size(), 4U);
+    EXPECT_NE(d.optionDataSeen[3], nullptr);
+    EXPECT_EQ(d.nd->consumer.subscribingList.count, 4U);
+}
+
+TEST_F(Session, AnOddAnswerToTheFirstQuestionAsksAgainAfterTheNextRegistration) {
+    d.onPack = [] { return 1U; };
+    d.Up();
+    d.Ack(d.SentOne(NDPI_MSG_REGISTER));
+    EXPECT_EQ(d.State(), ND_LIB_FSM_REGISTER);
+    d.onPack = [] { return uint32_t{ND_LIB_PACK_DONE}; };
+    d.Run(1);
+    d.Ack(d.SentOne(NDPI_MSG_REGISTER));
+    EXPECT_EQ(d.State(), ND_LIB_FSM_SUBSCRIBE_BEGIN);
+}
+
+TEST_F(Session, StartsOverWhenTheComponentReturns) {
+    for (uint32_t state = ND_LIB_FSM_REGISTER; state < ND_LIB_FSM_MAX; ++state) {
+        d.onPack = [] { return uint32_t{ND_LIB_PACK_DONE}; };
+        d.ToState(state);
+        ASSERT_EQ(d.State(), state);
+        d.Subscribe(NumberedItem(50));
+        d.UnSubscribe(NumberedItem(51));
+        d.Down();
+        EXPECT_EQ(d.State(), ND_LIB_FSM_INIT);
+        EXPECT_EQ(d.nd->consumer.subscribeTree.count, 0U);
+        EXPECT_EQ(d.nd->consumer.backupTimer, 0U);
+        EXPECT_EQ(BrokenInvariant(d.nd), "");
+        EXPECT_EQ(d.Receive({.type = NDPI_MSG_SMOOTH_BEGIN}), ND_LIB_ERR);
+        (void)d.Sent();
+        d.Run(10);
+        EXPECT_TRUE(d.Sent().empty());
+        ND_LIB_StopVerify(d.nd);
+        d.nd->nextVerifyTime = 0;
+    }
+}
+
+TEST_F(Session, VerifiesWhenDueAndAgreed) {
+    d.ToState(ND_LIB_FSM_READY);
+    d.onPack = [&] {
+        d.Subscribe(NumberedItem(1));
+        d.UnSubscribe(NumberedItem(2));
+        return uint32_t{ND_LIB_PACK_DONE};
+    };
+    EXPECT_EQ(ND_LIB_SetVerifyCycle(d.nd, 600), ND_LIB_OK);
+    d.Run(5);
+    EXPECT_EQ(d.events, (Codes{0, 1})); // not asked before it is enabled
+    // A refusal moves the stored time, which lies far in the past, so the question comes every second.
+    ND_LIB_StartVerify(d.nd);
+    d.onEvent = [](uint32_t) { return 1U; };
+    d.Run(3);
+    EXPECT_EQ(d.events, (Codes{0, 1, 2, 2, 2}));
+    EXPECT_EQ(d.nd->nextVerifyTime, 30U);
+    d.nd->nextVerifyTime = d.nd->secNow + 2;
+    d.Run(3);
+    EXPECT_EQ(d.events.size(), 6U); // asked once, when due
+    d.onEvent = [](uint32_t) { return 0U; };
+    d.events.clear();
+    d.Run(9);
+    EXPECT_EQ(d.State(), ND_LIB_FSM_VERIFY_SUBSCRIBE_BEGIN);
+
+    // Updates are still served while the pass has not begun.
+    EXPECT_EQ(d.Receive({.type = NDPI_MSG_REAL_UPDATE, .body = Tlv(1, {})}), ND_LIB_OK);
+    EXPECT_EQ(d.records.size(), 1U);
+    EXPECT_TRUE(d.SentOne(NDPI_MSG_REAL_UPDATE).IsAck());
+    d.Run(1);
+    d.Ack(d.SentOne(NDPI_MSG_VERIFY_SUBSCRIBE_BEGIN));
+    auto sent = d.Sent();
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_EQ(sent[1].type, NDPI_MSG_UNSUBSCRIBE_DATA);
+    d.Receive({.type = NDPI_MSG_REAL_UPDATE, .body = Tlv(1, {})}); // and no more from here on
+    EXPECT_EQ(d.records.size(), 1U);
+    d.Ack(sent[0]);
+    d.Run(1);
+    EXPECT_EQ(d.State(), ND_LIB_FSM_VERIFY_SUBSCRIBE_DATA);
+    d.Ack(sent[1]);
+    d.Run(1);
+    EXPECT_EQ(d.State(), ND_LIB_FSM_VERIFY_SUBSCRIBE_END);
+    d.Run(1);
+    d.Ack(d.SentOne(NDPI_MSG_VERIFY_SUBSCRIBE_END));
+    d.records.clear();
+    ND_LIB_StopVerify(d.nd); // lets a pass that runs finish
+    EXPECT_EQ(d.Receive({.type = NDPI_MSG_VERIFY_DATA_BEGIN, .seq = 10}), ND_LIB_OK);
+    d.Receive({.type = NDPI_MSG_SMOOTH_DATA, .seq = 10, .body = Tlv(1, {1})});
+    d.Receive({.type = NDPI_MSG_SMOOTH_DATA, .seq = 11, .body = Tlv(1, {2})});
+    EXPECT_EQ(d.Receive({.type = NDPI_MSG_VERIFY_DATA_END, .seq = 12}), ND_LIB_OK);
+    EXPECT_EQ(d.records, (std::vector<Delivered>{{1, {1}}, {1, {2}}}));
+    EXPECT_EQ(d.State(), ND_LIB_FSM_READY);
+    EXPECT_EQ(d.events, (Codes{2, 3})); // the consumer is told of the end alone
+    EXPECT_EQ(d.nd->nextVerifyTime, d.nd->secNow + 600);
+
+    ND_LIB_StartVerify(d.nd);
+    d.Run(599);
+    EXPECT_EQ(d.State(), ND_LIB_FSM_READY);
+    // A repeated end in the ready state counts as the end of a pass.
+    EXPECT_EQ(d.Receive({.type = NDPI_MSG_VERIFY_DATA_END, .seq = 12}), ND_LIB_OK);
+    EXPECT_EQ(d.nd->nextVerifyTime, d.nd->secNow + 600);
+    d.Run(600);
+    EXPECT_EQ(d.State(), ND_LIB_FSM_VERIFY_SUBSCRIBE_BEGIN);
+}
+
+TEST_F(Session, AGapInAVerificationLeadsToAFullDownloadAndTheNextPass) {
+    d.ToState(ND_LIB_FSM_VERIFY_WAIT_DATA);
+    const uint32_t due = d.nd->nextVerifyTime;
+    EXPECT_EQ(d.Receive({.type = NDPI_MSG_VERIFY_DATA_END, .seq = 6}), ND_LIB_ERR_SEQUENCE);
+    d.Ack(d.SentOne(NDPI_MSG_SEQUENCE_ERROR));
+    d.Download(1, {Tlv(1, {1})});
+    EXPECT_EQ(d.nd->nextVerifyTime, due);
+    d.Run(1);
+    EXPECT_EQ(d.State(), ND_LIB_FSM_VERIFY_SUBSCRIBE_BEGIN);
+}
+
+TEST_F(Session, APassWithNothingToUploadGoesStraightToItsEnd) {
+    d.ToState(ND_LIB_FSM_VERIFY_SUBSCRIBE_END);
+    EXPECT_EQ(d.nd->statisticCnt[ND_LIB_STAT_SEND_SUBSCRIBE_DATA], 0U);
+    d.Run(1);
+    (void)d.SentOne(NDPI_MSG_VERIFY_SUBSCRIBE_END);
+}
+
+TEST_F(Session, SetsAsideWhatFitsNoMessage) {
+    const Item fits{1, Bytes(7000, 1), 1, Bytes(972, 2)};
+    const Item tooLong{1, Bytes(7000, 2), 1, Bytes(973, 2)};
+    EXPECT_EQ(d.Subscribe(tooLong), ND_LIB_OK);
+    EXPECT_EQ(d.Subscribe(fits), ND_LIB_OK);
+    EXPECT_EQ(d.UnSubscribe({2, Bytes(10000, 3), 4, Bytes(10000, 3)}), ND_LIB_OK);
+    d.Up();
+    d.Ack(d.SentOne(NDPI_MSG_REGISTER));
+    d.Run(1);
+    (void)d.TakeLog();
+    d.Ack(d.SentOne(NDPI_MSG_SUBSCRIBE_BEGIN));
+    const Ndpi data = d.SentOne(NDPI_MSG_SUBSCRIBE_DATA);
+    EXPECT_EQ(data.body.size(), 7984U);
+    const LogLine report = {0, "ND_LIB_SetAside record too long key: 1, len: 7000, data type:1, len:973"};
+    const auto log = d.TakeLog();
+    EXPECT_EQ(std::count(log.begin(), log.end(), report), 1);
+    d.Ack(data);
+    d.Run(1);
+    EXPECT_EQ(d.State(), ND_LIB_FSM_SUBSCRIBE_END); // it holds nothing up
+    d.Run(1);
+    d.Ack(d.SentOne(NDPI_MSG_SUBSCRIBE_END));
+    d.Download(1, {});
+    d.Run(3);
+    EXPECT_TRUE(d.Sent().empty());
+    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 2U);
+    ND_LIB_StartVerify(d.nd);
+    d.Run(2);
+    d.Ack(d.SentOne(NDPI_MSG_VERIFY_SUBSCRIBE_BEGIN));
+    EXPECT_EQ(d.State(), ND_LIB_FSM_VERIFY_SUBSCRIBE_END);
+    // An acknowledgement cannot settle it, a new request can.
+    d.Receive({.type = NDPI_MSG_SUBSCRIBE_DATA, .trans = 0, .body = tooLong.Record(), .flags = 0x80});
+    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 2U);
+    d.Subscribe({1, Bytes(7000, 2), 1, {}});
+    EXPECT_EQ(d.nd->consumer.subscribingList.count, 1U);
+}
+
+TEST_F(Session, CarriesAHundredThousandItems) {
+    constexpr uint32_t kItems = 100000;
+    uint32_t next = 0;
+    d.onPack = [&] {
+        for (uint32_t i = 0; i < 30000 && next < kItems; ++i) {
+            EXPECT_EQ(d.Subscribe({7, U32(next++ * 2654435761U), 1, {}}), ND_LIB_OK);
+        }
+        return next == kItems ? uint32_t{ND_LIB_PACK_DONE} : uint32_t{ND_LIB_PACK_MORE};
+    };
+    d.Up();
+    d.Ack(d.SentOne(NDPI_MSG_REGISTER));
+    d.Run(3);
+    (void)d.TakeLog();
+    d.Run(1);
+    d.Ack(d.SentOne(NDPI_MSG_SUBSCRIBE_BEGIN));
+    const auto messages = d.Sent();
+    ASSERT_EQ(messages.size(), 201U); // 499 records of 16 bytes in 8000 bytes
+    for (size_t i = 0; i < messages.size(); ++i) {
+        EXPECT_EQ(messages[i].body.size(), (i < 200 ? 499U : 200U) * 16);
+        EXPECT_EQ(d.Ack(messages[i]), ND_LIB_OK);
+    }
+    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 0U);
+    EXPECT_EQ(d.nd->consumer.sendSubNum, kItems);
+    d.Run(2);
+    d.Ack(d.SentOne(NDPI_MSG_SUBSCRIBE_END));
+    Bytes body;
+    for (uint32_t i = 0; i < 499; ++i) {
+        const Bytes record = Tlv(7, Bytes(12, 1));
+        body.insert(body.end(), record.begin(), record.end());
+    }
+    d.Download(1, std::vector<Bytes>(200, body));
+    EXPECT_EQ(d.State(), ND_LIB_FSM_READY);
+    EXPECT_EQ(d.records.size(), 200U * 499);
+}
+
+TEST_F(Session, ServesCallbacksThatMakeRequests) {
+    // The log function makes requests wherever the library reports, in the middle of a batch too.
+    for (uint32_t i = 0; i < 600; ++i) {
+        d.Subscribe(NumberedItem(i));
+    }
+    uint32_t calls = 0;
+    bool nested = false;
+    d.onLog = [&](const LogLine &) {
+        if (nested) {
+            return;
+        }
+        nested = true;
+        ++calls;
+        const Item item = NumberedItem(calls * 7 % 600);
+        EXPECT_EQ(calls % 3 == 0 ? d.UnSubscribe(item) : d.Subscribe(item), ND_LIB_OK);
+        if (calls % 50 == 0) {
+            EXPECT_EQ(BrokenInvariant(d.nd), "");
+        }
+        nested = false;
+    };
+    d.onRecord = [&](const Delivered &) { d.Subscribe(NumberedItem(1000)); };
+    d.Up();
+    for (uint32_t second = 0; second < 40; ++second) {
+        for (const Ndpi &sent : d.Sent()) {
+            d.Ack(sent);
+        }
+        if (d.State() == ND_LIB_FSM_WAIT_SMOOTH) {
+            break;
+        }
+        d.Run(1);
+        if (second == 20) {
+            d.onLog = [](const LogLine &) {}; // or there would always be something new to send
+        }
+    }
+    EXPECT_GT(calls, 600U);
+    EXPECT_EQ(d.State(), ND_LIB_FSM_WAIT_SMOOTH);
+    d.Download(1, {Tlv(1, {})});
+    EXPECT_EQ(d.nd->consumer.subscribingList.count, 1U);
+}
+
+} // namespace
+} // namespace pegeir::tests

@@ -1,0 +1,379 @@
+#include "support/driver.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+namespace pegeir::tests {
+
+namespace {
+
+std::map<uint32_t, Driver *> &Drivers() {
+    static std::map<uint32_t, Driver *> drivers; // by appLocal
+    return drivers;
+}
+
+// Aligned, as a consumer's own record is.
+std::vector<uint16_t> Head(uint16_t type, const Bytes &bytes) {
+    std::vector<uint16_t> head(2 + (bytes.size() + 1) / 2);
+    head[0] = type;
+    head[1] = static_cast<uint16_t>(bytes.size());
+    if (!bytes.empty()) {
+        memcpy(head.data() + 2, bytes.data(), bytes.size());
+    }
+    return head;
+}
+
+} // namespace
+
+Bytes U16(uint32_t value) {
+    return {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+}
+
+Bytes U32(uint32_t value) {
+    return Join({U16(value >> 16), U16(value)});
+}
+
+Bytes Join(const std::vector<Bytes> &parts) {
+    Bytes all;
+    for (const Bytes &part : parts) {
+        all.insert(all.end(), part.begin(), part.end());
+    }
+    return all;
+}
+
+Bytes Tlv(uint16_t type, const Bytes &value) {
+    return Join({U16(type), U16(static_cast<uint32_t>(value.size())), value});
+}
+
+Bytes Item::Record() const {
+    return Tlv(18, Join({Tlv(keyType, key), Tlv(dataType, data)}));
+}
+
+Item NumberedItem(uint32_t number, uint16_t dataType) {
+    return {1000, U32(number), dataType, {}};
+}
+
+Bytes Ndpi::Wire() const {
+    return Join(
+        {U16(static_cast<uint32_t>(16 + body.size())), {flags, type}, U32(trans), U32(0), U32(seq), body});
+}
+
+Driver::Driver(sim::World &aWorld, bool registerConsumer) : world(aWorld) {
+    const auto appLocal = static_cast<uint32_t>(Drivers().size() + 1);
+    Drivers()[appLocal] = this;
+    const ND_LIB_FrameRegister frame = {kNd, kApp, 0x11, 0x22, appLocal, Log, 0, 0};
+    nd = ND_LIB_Init(&frame);
+    if (nd == nullptr) {
+        return;
+    }
+    const auto feed = [this](void *message) { (void)ND_LIB_MsgProcess(nd, message); };
+    world.Attach(kApp, feed);
+    world.AttachTimers(0x22, feed);
+    if (registerConsumer) {
+        EXPECT_EQ(Register(), ND_LIB_OK);
+    }
+}
+
+Driver::~Driver() {
+    Deinit();
+}
+
+void Driver::Deinit() {
+    if (nd != nullptr) {
+        Drivers().erase(nd->appLocal);
+        ND_LIB_Deinit(nd);
+        nd = nullptr;
+        world.Detach(kApp);
+        world.DetachTimers(0x22);
+    }
+}
+
+uint32_t Driver::Register() {
+    const ND_LIB_ConsumerRegister consumer = {5, Pack, Event, Record};
+    return ND_LIB_RegisterConsumer(nd, &consumer);
+}
+
+uint32_t Driver::Request(RequestFunc request, const Item &item) {
+    const auto key = Head(item.keyType, item.key);
+    const auto data = Head(item.dataType, item.data);
+    return request(nd, reinterpret_cast<const ND_LIB_ItemHead *>(key.data()),
+                   reinterpret_cast<const ND_LIB_ItemHead *>(data.data()));
+}
+
+void Driver::Notify(uint32_t newState) {
+    const ND_LIB_CompState state = {0, newState};
+    ND_LIB_NotifyNdCompState(nd, &state);
+}
+
+uint32_t Driver::Receive(const Ndpi &message, uint32_t sender) {
+    return ReceiveBytes(message.Wire(), NDPI_MSG_SUB_INTF, sender);
+}
+
+uint32_t Driver::ReceiveBytes(const Bytes &bytes, uint32_t subIntf, uint32_t sender) {
+    sim::Record record;
+    record.sender = sender;
+    record.receiver = kApp;
+    record.subIntf = subIntf;
+    record.bytes = bytes;
+    const sim::Message message(world, record);
+    return ND_LIB_MsgProcess(nd, message.Data());
+}
+
+uint32_t Driver::Ack(const Ndpi &request) {
+    Ndpi ack = request;
+    ack.flags = NDPI_ACK_FLAG;
+    return Receive(ack);
+}
+
+std::vector<Ndpi> Driver::Sent() {
+    std::vector<Ndpi> sent;
+    for (const sim::Record &record : world.TakeSent()) {
+        EXPECT_EQ(record.arg1, 6U);
+        EXPECT_EQ(record.arg2, 932U);
+        EXPECT_EQ(record.intf, 3U);
+        EXPECT_EQ(record.subIntf, 164U);
+        EXPECT_EQ(record.sender, kApp);
+        const Bytes &b = record.bytes;
+        EXPECT_GE(b.size(), 16U);
+        const auto header = ndpi::ReadHeader(b.data());
+        EXPECT_EQ(header.msgLen, b.size());
+        EXPECT_EQ(Bytes(b.begin() + 8, b.begin() + 12), U32(0));
+        sent.push_back({header.msgType, header.transNumber, header.sequenceNum,
+                        Bytes(b.begin() + 16, b.end()), header.flags, record.receiver});
+    }
+    return sent;
+}
+
+Ndpi Driver::SentOne(uint8_t type) {
+    const auto sent = Sent();
+    EXPECT_EQ(sent.size(), 1U) << "where one message of type " << int{type} << " was expected";
+    if (sent.empty()) {
+        return {};
+    }
+    EXPECT_EQ(int{sent.back().type}, int{type});
+    return sent.back();
+}
+
+// Walks the ordinary way; only the messages that it needs itself are taken.
+void Driver::ToState(uint32_t state) {
+    const auto reached = [&] { return State() == state; };
+    const auto acked = [&](uint8_t type) { // the first timeout in a state sends its message
+        Run(1);
+        EXPECT_EQ(Ack(SentOne(type)), ND_LIB_OK);
+    };
+    Up();
+    if (reached()) {
+        return;
+    }
+    if (state == ND_LIB_FSM_COLLECT_SUBSCRIBE) {
+        onPack = [] { return uint32_t{ND_LIB_PACK_MORE}; };
+    }
+    Ack(SentOne(NDPI_MSG_REGISTER));
+    if (reached()) {
+        return;
+    }
+    if (state == ND_LIB_FSM_SUBSCRIBE_DATA) {
+        EXPECT_EQ(Subscribe(NumberedItem(1)), ND_LIB_OK);
+    }
+    acked(NDPI_MSG_SUBSCRIBE_BEGIN);
+    if (reached()) {
+        (void)Sent();
+        return;
+    }
+    while (State() == ND_LIB_FSM_SUBSCRIBE_DATA) {
+        for (const Ndpi &data : Sent()) {
+            Ack(data);
+        }
+        Run(1);
+    }
+    if (reached()) {
+        return;
+    }
+    acked(NDPI_MSG_SUBSCRIBE_END);
+    if (reached()) {
+        return;
+    }
+    Receive({.type = NDPI_MSG_SMOOTH_BEGIN, .trans = 900, .seq = 1});
+    (void)SentOne(NDPI_MSG_SMOOTH_BEGIN);
+    if (reached()) {
+        return;
+    }
+    if (state == ND_LIB_FSM_SEQUENCE_ERROR) {
+        Receive({.type = NDPI_MSG_SMOOTH_END, .trans = 901, .seq = 2});
+        return;
+    }
+    Receive({.type = NDPI_MSG_SMOOTH_END, .trans = 902, .seq = 1});
+    (void)SentOne(NDPI_MSG_SMOOTH_END);
+    if (reached()) {
+        return;
+    }
+    if (state == ND_LIB_FSM_VERIFY_COLLECT_SUBSCRIBE) {
+        onPack = [] { return uint32_t{ND_LIB_PACK_MORE}; };
+    }
+    ND_LIB_StartVerify(nd);
+    Run(1);
+    if (reached()) {
+        return;
+    }
+    if (state == ND_LIB_FSM_VERIFY_SUBSCRIBE_DATA) {
+        EXPECT_EQ(Subscribe(NumberedItem(2)), ND_LIB_OK);
+    }
+    acked(NDPI_MSG_VERIFY_SUBSCRIBE_BEGIN);
+    if (reached()) {
+        (void)Sent();
+        return;
+    }
+    acked(NDPI_MSG_VERIFY_SUBSCRIBE_END);
+    if (reached()) {
+        return;
+    }
+    Receive({.type = NDPI_MSG_VERIFY_DATA_BEGIN, .trans = 903, .seq = 5});
+    (void)SentOne(NDPI_MSG_VERIFY_DATA_BEGIN);
+    EXPECT_EQ(State(), state);
+}
+
+void Driver::Download(uint32_t firstSeq, const std::vector<Bytes> &bodies) {
+    uint32_t seq = firstSeq;
+    EXPECT_EQ(Receive({.type = NDPI_MSG_SMOOTH_BEGIN, .trans = 70, .seq = seq}), ND_LIB_OK);
+    EXPECT_TRUE(SentOne(NDPI_MSG_SMOOTH_BEGIN).IsAck());
+    for (const Bytes &body : bodies) {
+        EXPECT_EQ(Receive({.type = NDPI_MSG_SMOOTH_DATA, .trans = 71, .seq = seq++, .body = body}),
+                  ND_LIB_OK);
+    }
+    EXPECT_TRUE(Sent().empty());
+    EXPECT_EQ(Receive({.type = NDPI_MSG_SMOOTH_END, .trans = 72, .seq = seq}), ND_LIB_OK);
+    EXPECT_TRUE(SentOne(NDPI_MSG_SMOOTH_END).IsAck());
+}
+
+std::vector<LogLine> Driver::TakeLog() {
+    return std::exchange(log, {});
+}
+
+std::vector<std::string> Driver::TakeTrace(uint32_t box) {
+    std::vector<std::string> lines;
+    void *handle = nd->blackBox[box].bbHandle;
+    if (handle == nullptr) {
+        return lines;
+    }
+    std::string all(static_cast<size_t>(GetBlackBoxContentLength(handle)), '\0');
+    EXPECT_EQ(ReadBlockFromBlackBox(handle, all.data(), static_cast<uint32_t>(all.size())),
+              static_cast<int32_t>(all.size()));
+    char rest = 0;
+    EXPECT_EQ(ReadBlockFromBlackBox(handle, &rest, 1), 0); // begins anew after this
+    size_t line = 0;
+    for (size_t from = 0, to = 0; (to = all.find('\n', from)) != std::string::npos; from = to + 1) {
+        if (line++ >= traced[box]) {
+            const size_t time = all.find(' ', from);
+            lines.push_back(all.substr(all.find(' ', time + 1) + 1, to - all.find(' ', time + 1) - 1));
+        }
+    }
+    traced[box] = line;
+    return lines;
+}
+
+std::vector<std::string> Driver::Pages(uint32_t bufferLen) {
+    std::vector<std::string> pages;
+    std::vector<char> buffer(bufferLen, '#');
+    for (uint32_t restart = 1;; restart = 0) {
+        uint32_t length = 0;
+        const uint32_t ret = ND_LIB_GetDiagnoseInfo(nd, buffer.data(), bufferLen, &length, restart);
+        EXPECT_LT(length, bufferLen);
+        pages.emplace_back(buffer.data(), length);
+        if (ret != ND_LIB_OK) {
+            EXPECT_EQ(ret, ND_LIB_ERR_DIAG_END);
+            return pages;
+        }
+    }
+}
+
+Driver &Driver::Of(const ND_LIB_Instance *instance) {
+    return *Drivers().at(ND_LIB_GetAppLocal(instance));
+}
+
+uint32_t Driver::Log(ND_LIB_Instance *instance, uint32_t level, const char *format, ...) {
+    char text[512];
+    va_list arguments;
+    va_start(arguments, format);
+    (void)vsnprintf(text, sizeof(text), format, arguments);
+    va_end(arguments);
+    const std::string prefix = "[ND_LIB] NdPid=0X64, ";
+    EXPECT_EQ(std::string(text).substr(0, prefix.size()), prefix);
+    Driver &driver = Of(instance);
+    driver.log.push_back({level, std::string(text).substr(prefix.size())});
+    driver.onLog(driver.log.back());
+    return 0;
+}
+
+uint32_t Driver::Pack(ND_LIB_Instance *instance, void *optionData) {
+    Of(instance).optionDataSeen.push_back(optionData);
+    return Of(instance).onPack();
+}
+
+uint32_t Driver::Event(ND_LIB_Instance *instance, uint32_t code, uint32_t zero) {
+    EXPECT_EQ(zero, 0U);
+    Of(instance).events.push_back(code);
+    return Of(instance).onEvent(code);
+}
+
+uint32_t Driver::Record(ND_LIB_Instance *instance, const ND_LIB_TlvHead *record) {
+    const auto *value = reinterpret_cast<const uint8_t *>(record + 1);
+    Driver &driver = Of(instance);
+    driver.records.push_back({record->tlvType, Bytes(value, value + record->tlvLen)});
+    driver.onRecord(Delivered(driver.records.back()));
+    return 77;
+}
+
+std::string BrokenInvariant(ND_LIB_Instance *instance) {
+    ND_LIB_ConsumerInfo &consumer = instance->consumer;
+    if (consumer.subscribeTree.root == nullptr) {
+        return "";
+    }
+    std::map<const ND_LIB_ListNode *, const ND_LIB_List *> onList;
+    const auto walk = [&](ND_LIB_List *list) {
+        uint32_t count = 0;
+        for (ND_LIB_ListNode *link = list::First(list); link != nullptr; link = list::Next(list, link)) {
+            if (link->list != list || link->next->prev != link || link->prev->next != link ||
+                ++count > list->count) {
+                return false;
+            }
+            onList[link] = list;
+        }
+        return count == list->count;
+    };
+    for (ND_LIB_List *list : {&consumer.subscribingList, &consumer.unsubscribingList,
+                              &consumer.waitSubAckList, &consumer.subscribeTmpList}) {
+        if (!walk(list)) {
+            return "a work list is broken";
+        }
+    }
+    const size_t waiting = onList.size();
+    size_t found = 0;
+    uint32_t keys = 0;
+    for (ND_LIB_KeyEntry *key = store::FirstKey(instance); key != nullptr;
+         key = store::NextKey(instance, key)) {
+        ++keys;
+        if (key->dataListHead.count == 0 || !walk(&key->dataListHead)) {
+            return "a key's data list is broken or empty";
+        }
+        for (ND_LIB_ListNode *link = list::First(&key->dataListHead); link != nullptr;
+             link = list::Next(&key->dataListHead, link)) {
+            const ND_LIB_DataEntry *entry = store::OfDataLink(link);
+            found += onList.count(&entry->workListNode);
+            if (entry->keyEntry != key || (entry->dataLen == 0) != (entry->dataValue == nullptr)) {
+                return "a data entry is inconsistent";
+            }
+            if ((entry->workListNode.list == nullptr) != (onList.count(&entry->workListNode) == 0)) {
+                return "a data entry names a list that it is not on";
+            }
+        }
+    }
+    if (keys != consumer.subscribeTree.count) {
+        return "the tree's count is wrong";
+    }
+    return found == waiting ? "" : "a work list holds a foreign entry";
+}
+
+} // namespace pegeir::tests
