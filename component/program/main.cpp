@@ -173,6 +173,7 @@ bool Program::Start() {
     if (!OpenSources()) {
         return false;
     }
+    PEGEIR_LinuxOnReport([](const char *line) { WriteLog(Severity::kWarning, line); });
     PEGEIR_LinuxConfig config = {};
     config.pid = options_.id;
     config.directory = options_.directory.empty() ? nullptr : options_.directory.c_str();

@@ -46,8 +46,8 @@ std::optional<int> ReadOptions(int argc, const char *const *argv, Options &optio
     app.add_option("--directory", options.directory,
                    std::string("Runtime directory (default: ") + PEGEIR_LinuxDirectory() + ")")
         ->type_name("DIR");
-    CLI::Option *kernel = app.add_flag("--kernel,!--no-kernel", options.kernel,
-                                       "Serve the kernel's interfaces and IPv6 neighbours (default), or not");
+    app.add_flag("--kernel,!--no-kernel", options.kernel,
+                 "Serve the kernel's interfaces and IPv6 neighbours (default), or not");
     CLI::Option *raConfig = app.add_option("--ra-config", options.raConfig,
                                            "Serve the intervals of this file in radvd's syntax; it is\n"
                                            "waited for, and read again when it changes")
@@ -70,9 +70,8 @@ std::optional<int> ReadOptions(int argc, const char *const *argv, Options &optio
     try {
         app.parse(argc, argv);
         if (!options.kernel && raConfig->count() > 0) {
-            throw CLI::ExcludesError(raConfig->get_name(),
-                                     kernel->get_name() +
-                                         "=false: the kernel tells which interfaces there are");
+            throw CLI::ExcludesError("--ra-config",
+                                     "--no-kernel: the kernel tells which interfaces there are");
         }
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? kExitStopped : kExitUsage;

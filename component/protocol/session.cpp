@@ -445,6 +445,10 @@ void Session::Progress() {
 
 void Session::OnTick() {
     const uint64_t now = context_.clock();
+    if (queue_.empty() && (goneSinceMs_ || now >= nextProbeMs_)) {
+        nextProbeMs_ = now + context_.limits.probeMs;
+        AskWritable();
+    }
     if (goneSinceMs_ && now - *goneSinceMs_ >= context_.limits.goneMs) {
         forgotten_ = true;
         Report(Severity::kInfo, Text("is gone for ", (now - *goneSinceMs_) / 1000, " seconds: forgotten"));
@@ -457,9 +461,6 @@ void Session::OnTick() {
         } else {
             Repeat();
         }
-    } else if (now >= nextProbeMs_) {
-        nextProbeMs_ = now + context_.limits.probeMs;
-        AskWritable();
     }
     Progress();
 }
