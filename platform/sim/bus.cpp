@@ -57,7 +57,7 @@ LiveMessage *FindMessage(State &state, const void *data, const char *call) {
 
 void ReleaseMessage(State &state, const void *data) {
     state.messages.erase(data);
-    std::free(const_cast<void *>(data));
+    Retire(state, const_cast<void *>(data));
 }
 
 void Enqueue(State &state, Record record, bool expiry, std::uint64_t dueMs) {

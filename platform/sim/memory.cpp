@@ -13,6 +13,17 @@ namespace {
 
 constexpr Place kBoxPlace = {"black box", 0};
 
+// How many blocks are kept back from reuse.  AddressSanitizer keeps them back itself, and then knows
+// who used one that was released.
+#ifndef __has_feature
+#define __has_feature(feature) 0
+#endif
+#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
+constexpr std::size_t kRetired = 0;
+#else
+constexpr std::size_t kRetired = 1024;
+#endif
+
 // Returns the blocks in the order in which they were allocated.
 std::vector<Block> InOrder(const State &state) {
     std::vector<Block> blocks;
@@ -48,15 +59,16 @@ void FreeBlock(State &state, void *memory, Place place, bool box) {
     }
     const auto found = state.blocks.find(memory);
     if (found == state.blocks.end() || found->second.box != box) {
+        const auto before = state.freed.find(memory);
         std::string what = "that is no block of this platform";
-        if (const auto before = state.freed.find(memory); before != state.freed.end()) {
-            what = "that was freed before at " + At(before->second);
-        } else if (memory == nullptr) {
+        if (memory == nullptr) {
             what = "null";
-        } else if (found != state.blocks.end() || state.messages.contains(memory)) {
-            what = found == state.blocks.end() ? "that is a message"
-                   : box                       ? "that is no box"
-                                               : "that is a box";
+        } else if (state.messages.contains(memory)) {
+            what = "that is a message";
+        } else if (found != state.blocks.end()) {
+            what = box ? "that is no box" : "that is a box";
+        } else if (before != state.freed.end()) {
+            what = "that was freed before at " + At(before->second);
         }
         Violation(state, At(place) + " frees memory " + what);
         return;
@@ -65,7 +77,20 @@ void FreeBlock(State &state, void *memory, Place place, bool box) {
     state.liveBytes -= found->second.size;
     state.blocks.erase(found);
     state.freed[memory] = place;
-    std::free(memory);
+    Retire(state, memory);
+}
+
+void Retire(State &state, void *memory) {
+    if (kRetired == 0 || !state.options.checks) {
+        std::free(memory);
+        return;
+    }
+    state.retired.push_back(memory);
+    if (state.retired.size() > kRetired) {
+        state.freed.erase(state.retired.front());
+        std::free(state.retired.front());
+        state.retired.pop_front();
+    }
 }
 
 void ReleaseAll(State &state) {
@@ -74,6 +99,9 @@ void ReleaseAll(State &state) {
     }
     while (!state.messages.empty()) {
         ReleaseMessage(state, state.messages.begin()->first);
+    }
+    for (void *memory : state.retired) {
+        std::free(memory);
     }
 }
 

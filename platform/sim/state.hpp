@@ -9,6 +9,7 @@
 #include <pegeir/sim.hpp>
 
 #include <array>
+#include <deque>
 #include <map>
 #include <random>
 #include <unordered_map>
@@ -88,7 +89,8 @@ struct State {
     std::int32_t zoneMinutes = 0;
 
     std::unordered_map<void *, Block> blocks;
-    std::unordered_map<void *, Place> freed; // where an address that is not in use was freed last
+    std::unordered_map<void *, Place> freed; // where a retired block was freed
+    std::deque<void *> retired;              // see Retire
     std::uint64_t blockSerial = 0;
     std::uint64_t liveBytes = 0;
     std::uint64_t peakBytes = 0;
@@ -122,6 +124,9 @@ std::string At(const Place &place);
 void *AllocateBlock(State &state, Place place, std::uint32_t size, std::uint32_t memHandle,
                     std::uint8_t partition, bool box);
 void FreeBlock(State &state, void *memory, Place place, bool box);
+// Takes memory that is in use no more.  It is not handed out again soon, so that a second release of
+// it cannot be mistaken for the release of a newer block at the same address.
+void Retire(State &state, void *memory);
 void ReleaseAll(State &state);
 
 void *MakeMessage(State &state, Record envelope, std::uint32_t size, bool received, Place place);
