@@ -10,11 +10,8 @@
 #include "linux_platform.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
-#include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -155,13 +152,10 @@ bool Identity::Lock(uint32_t id, std::string &error) {
 
 bool Identity::Bind(std::string &error) {
     const int on = 1;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    socketPath_.copy(address.sun_path, sizeof address.sun_path - 1);
     unlink(socketPath_.c_str());
     socket_ = Fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!socket_.Valid() || setsockopt(socket_.Get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0 ||
-        bind(socket_.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        CallWithPath(bind, socket_.Get(), socketPath_) != 0) {
         error = ErrnoText("cannot listen at " + socketPath_);
         return false;
     }

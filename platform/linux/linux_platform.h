@@ -19,6 +19,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <utility>
@@ -173,8 +174,11 @@ public:
     explicit Inbox(Runtime &runtime) : runtime_(runtime), buffer_(kMaxPacketSize + 1) {}
     void Receive();
 
-    /* Reports refusals that are due. */
+    /* Reports the refusals since the last report, unless that was only just now. */
     void ReportRefusals();
+
+    /* Reports them in any case. */
+    void ReportRest();
 
 private:
     bool ReceiveOne();
@@ -186,6 +190,9 @@ private:
     std::string lastRefusal_;
     std::chrono::steady_clock::time_point nextReport_{};
 };
+
+/* Calls call, which is bind or connect, for the socket with this name; as call. */
+int CallWithPath(int (*call)(int, const sockaddr *, socklen_t), int socket, const std::string &path);
 
 /* Returns a socket bound to our send path for peer and connected to where peer listens, or an invalid
  * one with errno.  Its buffer is used up by messages to that peer only. */
@@ -199,7 +206,7 @@ public:
     explicit Peers(Runtime &runtime) : runtime_(runtime) {}
 
     /* Returns 0 or a PEGEIR_LINUX_SEND_ code.  The message stays the caller's. */
-    uint32_t Send(uint32_t peer, const Envelope &envelope, const void *data, size_t length);
+    uint32_t Send(uint32_t peer, const Envelope &envelope, void *data, size_t length);
 
     /* Return 0, or -1 with errno. */
     int Watch(uint32_t peer, PEGEIR_LinuxPeerFunc onPeer, void *context);

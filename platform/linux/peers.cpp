@@ -16,9 +16,9 @@
 
 namespace pegeir::linux_platform {
 
-uint32_t Peers::Send(uint32_t peer, const Envelope &envelope, const void *data, size_t length) {
+uint32_t Peers::Send(uint32_t peer, const Envelope &envelope, void *data, size_t length) {
     auto head = EncodePacketHead(envelope.head);
-    std::array<iovec, 2> parts{{{head.data(), head.size()}, {const_cast<void *>(data), length}}};
+    std::array<iovec, 2> parts{{{head.data(), head.size()}, {data, length}}};
     msghdr message{};
     message.msg_iov = parts.data();
     message.msg_iovlen = parts.size();
@@ -62,7 +62,10 @@ int Peers::WhenWritable(uint32_t peer, PEGEIR_LinuxWritableFunc onWritable, void
         Forget(peers_[peer].waiting);
         onWritable(context, peer);
     };
-    return entry.waiting.Valid() && runtime_.loop.Add(entry.waiting.Get(), EPOLLOUT, call) ? 0 : -1;
+    if (entry.waiting.Valid() && runtime_.loop.Add(entry.waiting.Get(), EPOLLOUT, call))
+        return 0;
+    entry.waiting.Reset();
+    return -1;
 }
 
 int Peers::Watch(uint32_t peer, PEGEIR_LinuxPeerFunc onPeer, void *context) {

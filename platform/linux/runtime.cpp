@@ -53,6 +53,7 @@ bool Runtime::Open(const std::string &wanted, std::string &error) {
 void Runtime::Close() {
     closed = true;
     loop.RemoveAll();
+    inbox.ReportRest();
     peers.Clear();
     identity.Release();
 }
@@ -149,11 +150,11 @@ int PEGEIR_LinuxOpen(const PEGEIR_LinuxConfig *config, char *error, size_t error
 }
 
 void PEGEIR_LinuxClose(void) {
-    if (!g_runtime)
+    const std::shared_ptr<Runtime> runtime = std::move(g_runtime);
+    if (!runtime)
         return;
+    runtime->Close();
     DeleteAllTimers();
-    g_runtime->Close();
-    g_runtime.reset();
 }
 
 int PEGEIR_LinuxFd(void) {

@@ -51,14 +51,14 @@ std::string Describe(const Origin &origin) {
     return name + ", process " + std::to_string(origin.pid) + ", user " + std::to_string(origin.uid);
 }
 
-int ConnectTo(int socket, const std::string &path, int (*call)(int, const sockaddr *, socklen_t)) {
+} // namespace
+
+int CallWithPath(int (*call)(int, const sockaddr *, socklen_t), int socket, const std::string &path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     return call(socket, reinterpret_cast<const sockaddr *>(&address), sizeof address);
 }
-
-} // namespace
 
 void Inbox::Receive() {
     for (int i = 0; i < kBatch && ReceiveOne(); i++) {
@@ -101,8 +101,8 @@ bool Inbox::ReceiveOne() {
     }
     EnvelopeOf(data).head = packet.head;
     std::copy(packet.data.begin(), packet.data.end(), data);
-    runtime_.Deliver(data);
-    return !runtime_.closed;
+    runtime_.Deliver(data); /* once that has closed the runtime there is no socket to read from */
+    return true;
 }
 
 void Inbox::Refuse(const std::string &text) {
@@ -116,20 +116,25 @@ void Inbox::ReportRefusals() {
     if (refused_ == 0 || now < nextReport_)
         return;
     nextReport_ = now + kReportPause;
+    ReportRest();
+}
+
+void Inbox::ReportRest() {
+    if (refused_ == 0)
+        return;
     const std::string count =
-        refused_ == 1 ? "a message: " : std::to_string(refused_) + " messages, the last because ";
-    const std::string at = ListenPath(runtime_.directory, runtime_.config.pid);
+        refused_ == 1 ? "a message: " : std::to_string(refused_) + " messages, the last one: ";
     refused_ = 0;
-    Report(at + " refused " + count + lastRefusal_);
+    Report(ListenPath(runtime_.directory, runtime_.config.pid) + " refused " + count + lastRefusal_);
 }
 
 Fd ConnectToPeer(const std::string &directory, uint32_t self, uint32_t peer) {
     const std::string name = SendPath(directory, self, peer);
     Fd link(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!link.Valid() || ConnectTo(link.Get(), ListenPath(directory, peer), connect) != 0)
+    if (!link.Valid() || CallWithPath(connect, link.Get(), ListenPath(directory, peer)) != 0)
         return {};
     unlink(name.c_str());
-    if (ConnectTo(link.Get(), name, bind) != 0)
+    if (CallWithPath(bind, link.Get(), name) != 0)
         return {};
     unlink(name.c_str());
     return link;

@@ -56,8 +56,8 @@ PEGEIR_PLATFORM_API int PEGEIR_LinuxFd(void);
  * amount at a time.  Returns 0, or -1 with errno when waiting failed; a signal is no failure. */
 PEGEIR_PLATFORM_API int PEGEIR_LinuxDispatch(int timeoutMs);
 
-/* Dispatches until PEGEIR_LinuxStop, which may be called from any callback, or until the runtime is
- * closed.  Returns as Dispatch. */
+/* Dispatches until PEGEIR_LinuxStop, which may be called from any callback and before the run, or until
+ * the runtime is closed.  Returns as Dispatch. */
 PEGEIR_PLATFORM_API int PEGEIR_LinuxRun(void);
 PEGEIR_PLATFORM_API void PEGEIR_LinuxStop(void);
 
