@@ -113,10 +113,11 @@ TEST_F(Session, RepeatsWhatIsNotAcknowledgedAtPacedTimes) {
     const Bytes record = NumberedItem(1).Record();
     d.Ack({.type = NDPI_MSG_SUBSCRIBE_DATA, .trans = 16, .body = record});
     EXPECT_EQ(d.nd->consumer.subscribeTree.count, 1U);
-    world.FailNext(sim::Op::kSend, 2);
-    d.Run(12);
-    EXPECT_EQ(d.nd->consumer.subscribingList.count, 0U); // sent again a second after the refusal
-    d.Ack({.type = NDPI_MSG_SUBSCRIBE_DATA, .trans = d.nd->transNumber, .body = record});
+    world.FailNext(sim::Op::kSend);
+    d.Run(11);
+    EXPECT_EQ(d.nd->consumer.subscribingList.count, 1U);
+    EXPECT_EQ(d.nd->transNumber, 18U); // the number of the refused send is spent
+    d.Ack({.type = NDPI_MSG_SUBSCRIBE_DATA, .trans = 17, .body = record});
     EXPECT_EQ(d.nd->consumer.subscribeTree.count, 0U);
 }
 
@@ -131,7 +132,7 @@ TEST_F(Session, PacingStopsGrowing) {
 }
 
 TEST_F(Session, RepairsAGapWithAFreshDownload) {
-    for (const uint8_t type : {NDPI_MSG_SMOOTH_DATA, NDPI_MSG_SMOOTH_END}) {
+    for (const uint8_t type : Bytes{NDPI_MSG_SMOOTH_DATA, NDPI_MSG_SMOOTH_END}) {
         d.Down();
         (void)d.Sent();
         d.ToState(ND_LIB_FSM_WAIT_SMOOTH_DATA);
@@ -352,7 +353,7 @@ TEST_F(Session, SetsAsideWhatFitsNoMessage) {
     d.Ack(d.SentOne(NDPI_MSG_SUBSCRIBE_BEGIN));
     const Ndpi data = d.SentOne(NDPI_MSG_SUBSCRIBE_DATA);
     EXPECT_EQ(data.body.size(), 7984U);
-    const LogLine report = {0, "ND_LIB_SetAside record too long key: 1, len: 7000, data type:1, len:973"};
+    const LogLine report = {0, "send sub record too long key: 1, len: 7000, data type:1, len:973"};
     const auto log = d.TakeLog();
     EXPECT_EQ(std::count(log.begin(), log.end(), report), 1);
     d.Ack(data);

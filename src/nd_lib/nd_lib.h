@@ -29,7 +29,7 @@ struct ND_LIB_ConsumerInfo {
     ND_LIB_List waitSubAckList;
     ND_LIB_List subscribeTmpList;
     uint32_t backupTimer; // id of the one-second timer, 0 while it does not run
-    uint32_t sendSubNum;  // records sent, repetitions included
+    uint32_t sendSubNum;  // records sent, repetitions included; see ND_LIB_MovDataTmpToAckList
     uint32_t sendUnSubNum;
     uint32_t compFsmState;
     ND_LIB_FsmRecord fsmRecord[ND_LIB_FSM_RECORD_NUM];
@@ -53,11 +53,11 @@ struct ND_LIB_Instance {
     uint32_t secNow; // the time of the present entry into the library, base of all timing
     uint32_t secNowAux;
     ND_LIB_ConsumerInfo consumer;
-    uint32_t flowCtrlState;
-    uint32_t flowCtlStartTime;
-    uint32_t flowCtlEndTime;
-    uint32_t flowCnt;
-    uint32_t transNumber; // of the last message originated
+    uint32_t flowCtrlState;    // 1 once a message could not be had; never cleared
+    uint32_t flowCtlStartTime; // when that was
+    uint32_t flowCtlEndTime;   // shown in the report, never written
+    uint32_t flowCnt;          // how often since
+    uint32_t transNumber;      // of the last message originated
     ND_LIB_TmrCtx *tmrCtx;
     uint32_t statisticCnt[ND_LIB_STAT_MAX];
     ND_LIB_BlackBoxDesc blackBox[ND_LIB_BLACKBOX_MAX];

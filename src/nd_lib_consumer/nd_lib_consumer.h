@@ -111,7 +111,8 @@ ND_LIB_API void ND_LIB_DeleteAllDataEntry(ND_LIB_KeyEntry *keyEntry, ND_LIB_Inst
 ND_LIB_API void ND_LIB_MovDataToTmplist(ND_LIB_DataEntry *entry, ND_LIB_Instance *instance);
 
 // The message was sent: its entries now wait for their acknowledgement, stamped with the number of the
-// message and due again at their paced time.
+// message and due again at their paced time.  Each is counted and reported; one that the consumer has
+// requested again since the send, from the log function, is no longer among them.
 ND_LIB_API void ND_LIB_MovDataTmpToAckList(ND_LIB_Instance *instance);
 
 // The batch is over: what could not be sent waits again, unchanged.

@@ -52,8 +52,8 @@ enum ND_LIB_FsmEvent : uint32_t {
     ND_LIB_EVT_MAX = 20 // no event
 };
 
-// Indices of statisticCnt.  The sends of control messages count messages that were allocated, whether
-// or not the platform then took them.
+// Indices of statisticCnt.  The sends of control and data messages count messages that were made,
+// whether or not the platform then took them; those of acknowledgements count what it took.
 enum ND_LIB_StatisticCode : uint32_t {
     ND_LIB_STAT_SEND_REGISTER = 0,
     ND_LIB_STAT_RECV_REGISTER_ACK = 1,

@@ -49,8 +49,10 @@ bool FitsAnyMessage(const ND_LIB_Instance *instance, const ND_LIB_DataEntry *ent
 
 void SetAside(ND_LIB_Instance *instance, ND_LIB_DataEntry *entry) {
     pegeir::list::Unlink(&entry->workListNode);
-    PEGEIR_FAILURE(instance, "ND_LIB_SetAside record too long key: %u, len: %u, data type:%u, len:%u",
-                   entry->keyEntry->keyType, entry->keyEntry->keyLen, entry->dataType, entry->dataLen);
+    // The log comes second: it may run a request that changes the entry.
+    PEGEIR_TRACE_THEN_LOG(instance, ND_LIB_LOG_FAILURE, ND_LIB_BLACKBOX_ASSERT,
+                          "send sub record too long key: %u, len: %u, data type:%u, len:%u",
+                          entry->keyEntry->keyType, entry->keyEntry->keyLen, entry->dataType, entry->dataLen);
 }
 
 uint32_t SendBatch(ND_LIB_Instance *instance, const DataKind &kind) {
@@ -64,7 +66,7 @@ uint32_t SendBatch(ND_LIB_Instance *instance, const DataKind &kind) {
         return ND_LIB_ERR;
     }
     // A report may run consumer code that makes requests, so the next entry is looked up only after the
-    // room has been made, and what is requested meanwhile waits for the next batch.
+    // room has been made, and the batch takes no more entries than it began with.
     for (uint32_t left = pending->count; left != 0 && pending->count != 0; --left) {
         if (!LargestRecordFits(instance, usedLen)) {
             message =

@@ -67,7 +67,11 @@ uint32_t ND_LIB_SendMsg(ND_LIB_Instance *instance, void *message, uint32_t msgTy
 
 uint32_t ND_LIB_SendAckMsg(const void *message, ND_LIB_Instance *instance) {
     const uint32_t delivered = DMS_MsgDataLenGet(message);
-    const uint32_t len = delivered < NDPI_HEADER_LEN ? delivered : ReadHeader(message).msgLen;
+    if (delivered < NDPI_HEADER_LEN) {
+        PEGEIR_FAILURE(instance, "LIB_SendAckMsg msg smaller than ndpi header len:%u", delivered);
+        return ND_LIB_ERR;
+    }
+    const uint32_t len = ReadHeader(message).msgLen;
     if (len < NDPI_HEADER_LEN) {
         PEGEIR_FAILURE(instance, "LIB_SendAckMsg msgLen smaller than ndpi header len:%u", len);
         return ND_LIB_ERR;

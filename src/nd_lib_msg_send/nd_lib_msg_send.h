@@ -24,10 +24,13 @@ ND_LIB_API void *ND_LIB_AllocMsg(uint32_t size, uint16_t *usedLen, ND_LIB_Instan
 ND_LIB_API uint32_t ND_LIB_SendMsg(ND_LIB_Instance *instance, void *message, uint32_t msgType,
                                    uint32_t msgLen);
 
-// Returns a received message to its sender as its own acknowledgement.  Returns ND_LIB_OK or ND_LIB_ERR.
+// Returns a received message to its sender as its own acknowledgement: msgLen bytes, zeros where fewer
+// were delivered.  Returns ND_LIB_OK, or ND_LIB_ERR, reported, also for a message that is shorter than
+// its header.
 ND_LIB_API uint32_t ND_LIB_SendAckMsg(const void *message, ND_LIB_Instance *instance);
 
-// Records that a message could not be had; nothing but the report reads the record.
+// Records that a message could not be had: the time of the first failure and the number of all.
+// Nothing but the report reads the record, and nothing ends it.
 ND_LIB_API void ND_LIB_FlowCtlStart(ND_LIB_Instance *instance);
 
 // ---- Control requests: a header without a body ----
@@ -50,12 +53,15 @@ ND_LIB_API uint16_t ND_LIB_BuildSubscribeMsg(uint8_t *destination, const ND_LIB_
 ND_LIB_API void ND_LIB_SendSubMsg(void *message, uint16_t usedLen, ND_LIB_Instance *instance);
 ND_LIB_API void ND_LIB_SendUnSubMsg(void *message, uint16_t usedLen, ND_LIB_Instance *instance);
 
-// Sends message by the sender of its type (18 or 20) and returns a fresh one of size bytes, or null.
+// Sends message, filled up to *usedLen, by the sender of its type (18 or 20); it is gone in any case.
+// Returns a fresh one of size bytes with *usedLen 16, or null with *usedLen as it was.
 ND_LIB_API void *ND_LIB_SendAndReallocMsg(void *message, uint32_t size, uint16_t *usedLen, uint32_t msgType,
                                           ND_LIB_Instance *instance);
 
-// Send everything on subscribingList, and on unsubscribingList, in as many messages as it takes.  Return
-// ND_LIB_OK, whether or not the sends succeeded, or ND_LIB_ERR when a message could not be had.
+// Send everything on subscribingList, and on unsubscribingList, in as many messages as it takes.  What
+// could not be sent is back on its list afterwards; an entry that fits no message is reported and taken
+// off it, until it is requested again.  Return ND_LIB_OK, whether or not the sends succeeded, or
+// ND_LIB_ERR when a message could not be had.
 ND_LIB_API uint32_t ND_LIB_SendSubscribeDataMsg(ND_LIB_Instance *instance);
 ND_LIB_API uint32_t ND_LIB_SendUnSubscribeDataMsg(ND_LIB_Instance *instance);
 

@@ -1,0 +1,374 @@
+// What arrives and what becomes of it: the rules of each message type, hostile lengths, and the records
+// of acknowledgements.
+
+#include <gtest/gtest.h>
+
+#include "support/driver.hpp"
+
+namespace pegeir::tests {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+enum class Kind { kControlAck, kDataAck, kBegin, kData, kEnd, kUpdate };
+
+struct Rule {
+    uint8_t type;
+    Kind kind;
+    uint32_t statistic; // counted by the receive handler itself; 28 for none
+    const char *name;   // in the handler's own lines; null for none
+};
+
+constexpr Rule kRules[] = {
+    {16, Kind::kControlAck, 1, nullptr},
+    {17, Kind::kControlAck, 3, "RecvSubscribeBeginAck"},
+    {18, Kind::kDataAck, 5, nullptr},
+    {19, Kind::kControlAck, 7, "RecvSubscribeEndAck"},
+    {20, Kind::kDataAck, 19, nullptr},
+    {21, Kind::kControlAck, 21, "RecvVerifySubBeginAck"},
+    {22, Kind::kControlAck, 23, "RecvVerifySubEndAck"},
+    {23, Kind::kBegin, 28, "RecvSmoothBegin"},
+    {24, Kind::kData, 12, "RecvSmoothData"},
+    {25, Kind::kEnd, 10, "RecvSmoothEnd"},
+    {26, Kind::kUpdate, 16, "RecvRealUpdate"},
+    {27, Kind::kBegin, 28, "RecvVerifyBegin"},
+    {28, Kind::kEnd, 26, "RecvVerifyEnd"},
+    {29, Kind::kControlAck, 14, "RecvSeqErrorAck"},
+};
+
+// An instance in a state that has no row for any message, so that only the receive handlers act.
+class Receive : public testing::Test {
+protected:
+    Receive() {
+        d.Up();
+        (void)d.Sent();
+        d.nd->consumer.compFsmState = ND_LIB_FSM_INIT;
+        d.nd->transNumber = 7;
+        d.nd->consumer.sequenceNum = 100;
+        Look();
+    }
+
+    // What the log at level and box 0 got since the last look.
+    void Look() {
+        log = d.TakeLog();
+        box = d.TakeTrace(0);
+        counted.clear();
+        for (uint32_t code = 0; code < ND_LIB_STAT_MAX; ++code) {
+            if (d.nd->statisticCnt[code] != 0) {
+                counted.push_back(code);
+            }
+            d.nd->statisticCnt[code] = 0;
+        }
+    }
+
+    uint32_t Take(const Ndpi &message) {
+        const uint32_t ret = d.Receive(message);
+        Look();
+        return ret;
+    }
+
+    void ExpectRefused(const Ndpi &message, const Lines &lines) {
+        EXPECT_EQ(Take(message), ND_LIB_ERR_MSG);
+        EXPECT_EQ(box, lines);
+        ASSERT_EQ(log.size(), lines.size());
+        for (size_t i = 0; i < lines.size(); ++i) {
+            EXPECT_EQ(log[i], (LogLine{0, lines[i]}));
+        }
+        EXPECT_TRUE(counted.empty());
+    }
+
+    sim::World world;
+    Driver d{world};
+    std::vector<LogLine> log;
+    Lines box;
+    std::vector<uint32_t> counted;
+};
+
+TEST_F(Receive, EachTypeByItsRule) {
+    for (const Rule &rule : kRules) {
+        SCOPED_TRACE(int{rule.type});
+        const bool isAck = rule.kind == Kind::kControlAck || rule.kind == Kind::kDataAck;
+        Ndpi good{.type = rule.type, .trans = 7, .seq = 100, .body = {0}};
+        good.flags = isAck ? 0x85 : 0x05;
+        Ndpi bad = good;
+        bad.flags = static_cast<uint8_t>(bad.flags ^ 0x80);
+        const std::string name = rule.name == nullptr ? "" : rule.name;
+        Lines refusal = {"RecvAckCheck not ack msg"};
+        if (!isAck) {
+            refusal = {name + " ack msg"};
+        } else if (rule.name != nullptr) {
+            refusal.push_back(name + " not ack msg");
+        }
+        ExpectRefused(bad, refusal);
+
+        bad = good;
+        bad.trans = 6;
+        if (rule.kind == Kind::kControlAck) {
+            refusal[0] = "RecvAckCheck transnumber not equal, input trans: 6, local trans:7";
+            ExpectRefused(bad, refusal);
+        } else {
+            EXPECT_EQ(Take(bad), ND_LIB_OK); // other numbers are no matter of this test
+            d.nd->consumer.sequenceNum = 100;
+        }
+        EXPECT_EQ(Take(good), ND_LIB_OK);
+        EXPECT_EQ(counted,
+                  rule.statistic == 28 ? std::vector<uint32_t>{} : std::vector<uint32_t>{rule.statistic});
+        EXPECT_TRUE(box.empty());
+        EXPECT_EQ(d.nd->consumer.sequenceNum, rule.kind == Kind::kData ? 101U : 100U);
+        d.nd->consumer.sequenceNum = 100;
+
+        bad = good;
+        bad.seq = 103;
+        if (rule.kind == Kind::kData || rule.kind == Kind::kEnd) {
+            EXPECT_EQ(Take(bad), ND_LIB_ERR_SEQUENCE);
+            const std::string text =
+                (rule.type == 25 ? "ND_LIB_" : "") + name + ", sequence error local seq:100, msg seq:103";
+            EXPECT_EQ(box, Lines{text});
+            EXPECT_EQ(log.back(), (LogLine{rule.kind == Kind::kData ? 3U : 2U, text}));
+            EXPECT_EQ(counted.size(), rule.kind == Kind::kData ? 0U : 1U);
+            EXPECT_EQ(d.nd->consumer.sequenceNum, 100U);
+        } else {
+            EXPECT_EQ(Take(bad), ND_LIB_OK);
+        }
+
+        bad = good;
+        bad.body = {};
+        if (rule.kind == Kind::kData || rule.kind == Kind::kUpdate) {
+            EXPECT_EQ(Take(bad), ND_LIB_ERR_MSG);
+            EXPECT_EQ(box, Lines{name + ", msgLen smaller than ndpi header len:16"});
+            EXPECT_TRUE(counted.empty());
+        } else {
+            EXPECT_EQ(Take(bad), ND_LIB_OK);
+        }
+    }
+    for (const uint8_t type : Bytes{0, 15, 30, 255}) { // a type of a later protocol
+        EXPECT_EQ(Take({.type = type, .trans = 7, .seq = 100, .body = {1}}), ND_LIB_OK);
+        EXPECT_TRUE(log.empty() && box.empty() && counted.empty());
+    }
+}
+
+TEST_F(Receive, SmoothDataIsLoggedBeforeItIsMeasured) {
+    (void)Take({.type = NDPI_MSG_SMOOTH_DATA, .seq = 100});
+    EXPECT_EQ(log, (std::vector<LogLine>{{2, "RecvSmoothData, msgLen:16"}}));
+}
+
+TEST_F(Receive, WhatIsNoWholeNdpiMessage) {
+    struct Case {
+        Bytes bytes;
+        uint32_t subIntf;
+        uint32_t ndCompState;
+        uint32_t ret;
+        const char *text; // in box 0
+        bool isLogged;
+    };
+    const Bytes whole = Ndpi{.type = NDPI_MSG_SMOOTH_BEGIN}.Wire();
+    Bytes longer = whole;
+    longer[1] = 17;
+    Bytes zero = whole;
+    zero[1] = 0;
+    const Case cases[] = {
+        {whole, 163, 1, ND_LIB_ERR_MSG, "ND_LIB_MsgRecv not ndpi msg", false},
+        {{}, 0, 0, ND_LIB_ERR_MSG, "ND_LIB_MsgRecv not ndpi msg", false},
+        {whole, 164, 1, ND_LIB_ERR, "ND_LIB_MsgRecv nd component not avaliable", true},
+        {{1}, 164, 2, ND_LIB_ERR, "ND_LIB_MsgRecv nd component not avaliable", true},
+        {{}, 164, 0, ND_LIB_ERR_MSG, "ND_LIB_MsgRecv msg smaller than ndpi header len:0", true},
+        {Bytes(15, 23), 164, 0, ND_LIB_ERR_MSG, "ND_LIB_MsgRecv msg smaller than ndpi header len:15", true},
+        {longer, 164, 0, ND_LIB_ERR_MSG, "ND_LIB_MsgRecv msgLen:17 larger than delivered len:16", true},
+        {whole, 164, 0, ND_LIB_OK, nullptr, false},
+        {zero, 164, 0, ND_LIB_OK, nullptr, false}, // left to the tests of its type
+    };
+    for (const Case &c : cases) {
+        d.nd->ndCompState = c.ndCompState;
+        EXPECT_EQ(d.ReceiveBytes(c.bytes, c.subIntf), c.ret);
+        Look();
+        EXPECT_EQ(box, c.text == nullptr ? Lines{} : Lines{c.text});
+        EXPECT_EQ(log.size(), c.isLogged ? 1U : 0U);
+        EXPECT_TRUE(counted.empty());
+    }
+}
+
+TEST_F(Receive, AHeaderThatPromisesLessThanItselfWalksNothing) {
+    // The body of such a message would be nearly 64 KiB long if its length wrapped around.
+    d.nd->consumer.compFsmState = ND_LIB_FSM_READY;
+    Bytes ack =
+        Ndpi{.type = NDPI_MSG_SUBSCRIBE_DATA, .trans = 1, .body = Tlv(18, Bytes(8, 0)), .flags = 0x80}.Wire();
+    ack[1] = 15;
+    EXPECT_EQ(d.ReceiveBytes(ack), ND_LIB_OK);
+    Look();
+    EXPECT_EQ(box, Lines{"ProcSubAndUnsubAck msgLen len error :15"});
+    ack[1] = 16;
+    EXPECT_EQ(d.ReceiveBytes(ack), ND_LIB_OK);
+    Look();
+    EXPECT_TRUE(box.empty());
+    EXPECT_EQ(log, (std::vector<LogLine>{{3, "ProcSubAndUnsubAck msgType=18, msgLen=16"}}));
+    // Neither is it acknowledged, since an acknowledgement would be no message either.
+    d.nd->consumer.compFsmState = ND_LIB_FSM_WAIT_SMOOTH;
+    Bytes begin = Ndpi{.type = NDPI_MSG_SMOOTH_BEGIN, .seq = 3}.Wire();
+    begin[1] = 15;
+    EXPECT_EQ(d.ReceiveBytes(begin), ND_LIB_OK);
+    Look();
+    EXPECT_TRUE(world.TakeSent().empty());
+    EXPECT_EQ(box, Lines{"LIB_SendAckMsg msgLen smaller than ndpi header len:15"});
+    EXPECT_EQ(counted, (std::vector<uint32_t>{ND_LIB_STAT_RECV_SMOOTH_BEGIN, ND_LIB_STAT_SEND_ACK_FAILED}));
+    // Called past the tests, the handlers still walk nothing.
+    Bytes data = Ndpi{.type = NDPI_MSG_SMOOTH_DATA}.Wire();
+    for (data[1] = 0; data[1] < 16; ++data[1]) {
+        EXPECT_EQ(ND_LIB_ProcSmoothData(d.nd, data.data()), ND_LIB_FSM_MAX);
+    }
+    EXPECT_TRUE(d.records.empty());
+}
+
+TEST_F(Receive, AFailedAcknowledgementIsCountedAndTheMessageServed) {
+    struct Case {
+        uint8_t type;
+        uint32_t state;
+        uint32_t reached;
+        uint32_t sent;
+    };
+    const Case cases[] = {{23, ND_LIB_FSM_WAIT_SMOOTH, ND_LIB_FSM_WAIT_SMOOTH_DATA, 9},
+                          {25, ND_LIB_FSM_WAIT_SMOOTH_DATA, ND_LIB_FSM_READY, 11},
+                          {26, ND_LIB_FSM_READY, ND_LIB_FSM_READY, 17},
+                          {27, ND_LIB_FSM_VERIFY_WAIT_DATA_BEGIN, ND_LIB_FSM_VERIFY_WAIT_DATA, 25},
+                          {28, ND_LIB_FSM_VERIFY_WAIT_DATA, ND_LIB_FSM_READY, 27}};
+    for (const Case &c : cases) {
+        for (const char *fault : {"", "MsgAlloc", "Send"}) {
+            SCOPED_TRACE(testing::Message() << int{c.type} << fault);
+            const std::string failing = fault;
+            d.nd->consumer.compFsmState = c.state;
+            d.nd->consumer.sequenceNum = 100;
+            d.records.clear();
+            if (!failing.empty()) {
+                world.Fail({.op = sim::OpByName(fault),
+                            .from = world.Calls(*sim::OpByName(fault)) + 1,
+                            .count = 1,
+                            .code = 42});
+            }
+            EXPECT_EQ(Take({.type = c.type, .trans = 1, .seq = 100, .body = Tlv(1, {2})}), ND_LIB_OK);
+            EXPECT_EQ(d.State(), c.reached);
+            EXPECT_EQ(d.records.size(), c.type == 26 ? 1U : 0U);
+            const auto counts = [&](uint32_t code) {
+                return std::count(counted.begin(), counted.end(), code);
+            };
+            EXPECT_EQ(counts(c.sent), failing.empty() ? 1 : 0);
+            EXPECT_EQ(counts(ND_LIB_STAT_SEND_ACK_FAILED), failing.empty() ? 0 : 1);
+            EXPECT_EQ(box, failing == "MsgAlloc" ? Lines{"LIB_SendAckMsg alloc fail"} : Lines{});
+            const LogLine refused = {0, "LIB_SendAckMsg send failed ret: 42"};
+            EXPECT_EQ(std::count(log.begin(), log.end(), refused), failing == "Send" ? 1 : 0);
+            EXPECT_EQ(d.nd->flowCnt, 0U);
+            (void)world.TakeSent();
+        }
+    }
+    EXPECT_EQ(world.LiveMessages(), 0U);
+}
+
+// ---- Acknowledged records ----
+
+class AckRecord : public testing::Test {
+protected:
+    // Sends both entries of one key; their stamp is then the current number.
+    AckRecord() {
+        d.ToState(ND_LIB_FSM_READY);
+        d.Subscribe(first);
+        d.Subscribe(second);
+        d.Run(1);
+        (void)d.SentOne(NDPI_MSG_SUBSCRIBE_DATA);
+        stamp = d.nd->transNumber;
+    }
+
+    uint32_t Parse(const Bytes &record, uint32_t trans) {
+        return ND_LIB_ParseSubAndUnsubData(d.nd, record.data(), NDPI_MSG_UNSUBSCRIBE_DATA, trans);
+    }
+
+    sim::World world;
+    Driver d{world};
+    Item first{1, {1, 2, 3}, 5, {9, 9}};
+    Item second{1, {1, 2, 3}, 6, {}};
+    uint32_t stamp = 0;
+};
+
+TEST_F(AckRecord, SettlesExactlyWhatItNames) {
+    const auto waiting = [&] { return d.nd->consumer.waitSubAckList.count; };
+    const Item others[] = {
+        {1, {1, 2, 4}, 5, {}}, {1, {1, 2}, 5, {}}, {2, {1, 2, 3}, 5, {}}, {1, {1, 2, 3}, 7, {}}};
+    for (const Item &other : others) {
+        EXPECT_EQ(Parse(other.Record(), stamp), ND_LIB_OK);
+    }
+    for (const uint32_t wrong : {stamp - 1, stamp + 1, 0U}) {
+        EXPECT_EQ(Parse(first.Record(), wrong), ND_LIB_OK);
+    }
+    EXPECT_EQ(waiting(), 2U);
+    // Neither the data bytes nor the type of the message take part in the match.
+    Item stripped = first;
+    stripped.data = {};
+    Bytes record = stripped.Record();
+    record[record.size() - 1] = 200; // a data length that nothing follows
+    EXPECT_EQ(Parse(record, stamp), ND_LIB_OK);
+    EXPECT_EQ(waiting(), 1U);
+    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 1U);
+    EXPECT_EQ(Parse(second.Record(), stamp), ND_LIB_OK);
+    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 0U);
+    EXPECT_EQ(BrokenInvariant(d.nd), "");
+}
+
+TEST_F(AckRecord, NeverSettlesWhatWasNotSentSinceItsRequest) {
+    d.Subscribe(first);
+    for (const uint32_t trans : {stamp, 0U}) {
+        EXPECT_EQ(Parse(first.Record(), trans), ND_LIB_OK);
+    }
+    EXPECT_EQ(d.nd->consumer.subscribingList.count, 1U);
+    d.nd->transNumber = 0xFFFFFFFF; // its message will be number 0
+    d.Run(1);
+    EXPECT_EQ(d.SentOne(NDPI_MSG_SUBSCRIBE_DATA).trans, 0U);
+    EXPECT_EQ(Parse(first.Record(), 0), ND_LIB_OK);
+    EXPECT_EQ(d.nd->consumer.subscribingList.count + d.nd->consumer.waitSubAckList.count, 1U);
+}
+
+TEST_F(AckRecord, IsRefusedWhenMalformed) {
+    const Bytes whole = second.Record(); // no data bytes: as short as a record of this key can be
+    for (uint32_t len = 0; len + 4 < whole.size(); ++len) {
+        Bytes cut(whole.begin(), whole.begin() + 4 + len); // exactly as long as it says
+        cut[3] = static_cast<uint8_t>(len);
+        EXPECT_EQ(Parse(cut, stamp), ND_LIB_ERR_MSG) << len;
+    }
+    EXPECT_EQ(ND_LIB_ParseSubAndUnsubData(d.nd, nullptr, 18, stamp), ND_LIB_ERR_MSG);
+    EXPECT_EQ(Parse(Tlv(18, Bytes(7, 0)), stamp), ND_LIB_ERR_MSG);
+    EXPECT_EQ(Parse(Tlv(18, Bytes(8, 0)), stamp), ND_LIB_OK); // an empty key, which matches nothing
+    EXPECT_EQ(Parse(Item{1, Bytes(10001, 1), 1, {}}.Record(), stamp), ND_LIB_ERR_MSG);
+    world.FailNext(sim::Op::kMalloc);
+    EXPECT_EQ(Parse(second.Record(), stamp), ND_LIB_ERR_MSG);
+    EXPECT_EQ(d.nd->consumer.waitSubAckList.count, 2U);
+}
+
+TEST_F(AckRecord, IsReportedElementByElement) {
+    (void)d.TakeLog();
+    (void)d.TakeTrace(1);
+    d.Receive(
+        {.type = 20, .trans = 1, .body = Join({Tlv(18, {1}), second.Record(), {0, 18, 0}}), .flags = 0x80});
+    const Lines lines = {"ProcSubAndUnsubAck msgType=20, msgLen=39",
+                         "ProcSubAndUnsubAck tlvType=18, tlvLen=1",
+                         "ProcSubAndUnsubAck tlvType=18, tlvLen=11"};
+    EXPECT_EQ(d.TakeTrace(1), lines);
+    EXPECT_EQ(d.TakeLog(), (std::vector<LogLine>{{3, lines[0]}, {0, lines[1]}, {0, lines[2]}}));
+}
+
+TEST(DataRecord, IsHandedOverWithItsHeadInHostOrderAtAnyAlignment) {
+    sim::World world;
+    Driver d(world, false);
+    for (size_t shift = 0; shift < 4; ++shift) {
+        Bytes bytes = Join({Bytes(shift, 0), Tlv(0x1234, {7, 8})});
+        EXPECT_EQ(ND_LIB_ParseUpdateData(d.nd, bytes.data() + shift), ND_LIB_OK); // nobody to hand it to
+        uint16_t head[2];
+        memcpy(head, bytes.data() + shift, 4);
+        EXPECT_EQ(head[0], 0x1234);
+        EXPECT_EQ(head[1], 2);
+    }
+    EXPECT_EQ(d.TakeLog().back(), (LogLine{2, "ParseUpdateData tlvType:4660, tlvLen:2"}));
+    EXPECT_EQ(d.TakeTrace(1).back(), "ParseUpdateData tlvType:4660, tlvLen:2");
+    d.Register();
+    Bytes bytes = Tlv(3, {4});
+    EXPECT_EQ(ND_LIB_ParseUpdateData(d.nd, bytes.data()), 77U); // the consumer's own answer
+    EXPECT_EQ(d.records, (std::vector<Delivered>{{3, {4}}}));
+}
+
+} // namespace
+} // namespace pegeir::tests
