@@ -7,6 +7,7 @@
 
 #include <deque>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <set>
 
@@ -93,57 +94,48 @@ TEST(PlatformTree, StaysBalancedAndCompleteUnderRandomChanges) {
     EXPECT_EQ(KAL_RBT_NextNode(&never, nullptr), nullptr);
 }
 
-// What a box should hold, as lines, and where its reader stands.
+std::string Take(std::string &text, std::size_t count) {
+    const std::string taken = text.substr(0, count);
+    text.erase(0, count);
+    return taken;
+}
+
+// What a box should hold and what is left to its reader, as lines; the first unread one may be partial.
 struct BoxModel {
     std::size_t size;
     std::deque<std::string> lines = {};
-    std::size_t line = 0;
-    std::size_t offset = 0;
+    std::deque<std::string> unread = {};
     std::string rest = {};
 
-    std::size_t Length() const {
-        std::size_t sum = 0;
-        for (const auto &text : lines) {
-            sum += text.size();
-        }
-        return sum;
-    }
+    std::size_t Length() const { return std::accumulate(lines.begin(), lines.end(), std::string()).size(); }
     bool Write(const std::vector<std::string> &fresh) {
         if (fresh.back().size() > size) {
             return false;
         }
-        for (const auto &text : fresh) {
-            lines.push_back(text);
-        }
-        while (Length() > size) {
-            if (line > 0) {
-                --line;
-            } else if (offset > 0) {
-                rest = lines.front().substr(offset);
-                if (rest.size() > BLACK_BOX_LINE_SIZE) {
-                    rest = rest.substr(0, BLACK_BOX_LINE_SIZE - 1) + '\n';
-                }
-                offset = 0;
+        lines.insert(lines.end(), fresh.begin(), fresh.end());
+        unread.insert(unread.end(), fresh.begin(), fresh.end());
+        for (; Length() > size; lines.pop_front()) {
+            if (unread.size() == lines.size()) {
+                const bool begun = unread.front() != lines.front();
+                rest = begun ? unread.front() : rest;
+                unread.pop_front();
             }
-            lines.pop_front();
+        }
+        if (rest.size() > BLACK_BOX_LINE_SIZE) {
+            rest = rest.substr(0, BLACK_BOX_LINE_SIZE - 1) + '\n';
         }
         return true;
     }
     std::string Read(std::size_t count) {
-        std::string text;
-        while (text.size() < count && !rest.empty()) {
-            text += rest.front();
-            rest.erase(0, 1);
-        }
-        while (text.size() < count && line < lines.size()) {
-            text += lines[line][offset++];
-            if (offset == lines[line].size()) {
-                ++line;
-                offset = 0;
+        std::string text = Take(rest, count);
+        while (text.size() < count && !unread.empty()) {
+            text += Take(unread.front(), count - text.size());
+            if (unread.front().empty()) {
+                unread.pop_front();
             }
         }
         if (text.empty()) {
-            line = offset = 0;
+            unread = lines;
             rest.clear();
         }
         return text;
@@ -165,11 +157,9 @@ TEST(PlatformBlackBox, HoldsAndReadsWholeLinesAsTheModelDoes) {
                 std::vector<std::string> lines(1 + (Below(random, 4) == 0 ? Below(random, 8) : 0));
                 std::string bytes;
                 for (auto &line : lines) {
-                    line = std::string(Below(random, round % 2 == 0 ? 12 : 500), 'a');
-                    for (char &letter : line) {
-                        letter = static_cast<char>('a' + Below(random, 26));
-                    }
-                    line += '\n';
+                    line = std::string(Below(random, round % 2 == 0 ? 12 : 500),
+                                       static_cast<char>('a' + Below(random, 26))) +
+                           std::to_string(step) + '\n';
                     bytes += line;
                 }
                 const char *from = bytes.data();
@@ -189,6 +179,8 @@ TEST(PlatformBlackBox, HoldsAndReadsWholeLinesAsTheModelDoes) {
             }
             ASSERT_EQ(GetBlackBoxContentLength(box), static_cast<std::int32_t>(model.Length()));
         }
+        EXPECT_EQ(WriteBlackBox(box, nullptr, 1), -1);
+        EXPECT_EQ(ReadBlockFromBlackBox(box, nullptr, 1), -1);
         DestroyBlackBox(box);
     }
     EXPECT_EQ(world.Leaks(), "");
