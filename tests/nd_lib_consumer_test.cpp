@@ -1,0 +1,460 @@
+// The store of pending requests and its way out: requests, work lists, batches, and what happens when
+// memory, messages or sends fail.
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "support/driver.hpp"
+
+namespace pegeir::tests {
+namespace {
+
+class Store : public testing::Test {
+protected:
+    // The boxes have their full size, so that they take no memory in between.
+    Store() {
+        for (uint32_t line = 0; line < 12; ++line) {
+            ND_LIB_BlackBox(d.nd, 0, "-");
+            ND_LIB_BlackBox(d.nd, 1, "-");
+        }
+        (void)d.TakeTrace(0);
+    }
+
+    ~Store() override {
+        EXPECT_EQ(BrokenInvariant(d.nd), "");
+        d.Deinit();
+        EXPECT_EQ(world.Leaks(), "");
+        EXPECT_TRUE(world.Violations().empty());
+    }
+
+    // The entry of an item, or null.
+    ND_LIB_DataEntry *Find(const Item &item) {
+        Bytes bytes = item.key;
+        ND_LIB_KeyEntry key = {};
+        key.keyType = item.keyType;
+        key.keyLen = static_cast<uint16_t>(bytes.size());
+        key.keyValue = bytes.data();
+        ND_LIB_DataNode node = {};
+        node.dataType = item.dataType;
+        return ND_LIB_FindDataEntry(ND_LIB_FindKeyEntry(&key, d.nd), &node);
+    }
+
+    sim::World world;
+    Driver d{world};
+    ND_LIB_ConsumerInfo &consumer = d.nd->consumer;
+};
+
+TEST_F(Store, RefusesWhatIsNoRequest) {
+    struct Case {
+        Item item;
+        uint32_t ret;
+        std::vector<LogLine> failures; // of a subscribe
+        std::vector<LogLine> unFailures;
+    };
+    const LogLine empty = {0, "GetDataNode keyHead len error"};
+    const LogLine sub = {0, "ND_LIB_Subscribe GetDataNode failed"};
+    const LogLine unSub = {0, "ND_LIB_GetDataNode failed"};
+    const Case cases[] = {
+        {{1, {}, 1, {}}, ND_LIB_ERR_SUBSCRIBE, {empty, sub}, {empty, unSub}},
+        {{1, Bytes(10001, 1), 1, {}}, ND_LIB_ERR_SUBSCRIBE, {sub}, {unSub}},
+        {{1, {1}, 1, Bytes(10001, 1)}, ND_LIB_ERR_SUBSCRIBE, {sub}, {unSub}},
+        {{1, Bytes(10000, 1), 1, Bytes(10000, 1)}, ND_LIB_OK, {}, {}},
+    };
+    for (const Case &c : cases) {
+        for (const bool subscribe : {true, false}) {
+            EXPECT_EQ(subscribe ? d.Subscribe(c.item) : d.UnSubscribe(c.item), c.ret);
+            const std::string name = subscribe ? "ND_LIB_Subscribe" : "ND_LIB_UnSubscribe";
+            std::vector<LogLine> expected = {{3, name + " start"}};
+            const auto &failures = subscribe ? c.failures : c.unFailures;
+            expected.insert(expected.end(), failures.begin(), failures.end());
+            if (c.ret == ND_LIB_OK) {
+                expected.push_back({3, name + " end success"});
+            }
+            EXPECT_EQ(d.TakeLog(), expected);
+            std::vector<std::string> traced;
+            for (const LogLine &line : failures) {
+                traced.push_back(line.text);
+            }
+            EXPECT_EQ(d.TakeTrace(0), traced);
+        }
+    }
+    const ND_LIB_ItemHead head = {1, 0};
+    EXPECT_EQ(ND_LIB_Subscribe(nullptr, &head, &head), ND_LIB_ERR);
+    EXPECT_EQ(ND_LIB_Subscribe(d.nd, nullptr, &head), ND_LIB_ERR);
+    EXPECT_EQ(ND_LIB_UnSubscribe(d.nd, &head, nullptr), ND_LIB_ERR);
+    EXPECT_TRUE(d.TakeLog().empty());
+    EXPECT_EQ(world.Assertions().size(), 3U);
+}
+
+TEST_F(Store, KeepsOneEntryAnItemThroughRandomRequests) {
+    struct Wanted {
+        Bytes data;
+        uint8_t state;
+        bool operator==(const Wanted &) const = default;
+    };
+    using Name = std::tuple<uint16_t, Bytes, uint16_t>;
+    std::map<Name, Wanted> wanted;
+    std::vector<Name> order[2]; // the lists, oldest request first
+    std::mt19937 random(11);
+    const auto below = [&](uint32_t bound) { return static_cast<uint16_t>(random() % bound); };
+    for (uint32_t step = 0; step < 3000; ++step) {
+        // Keys that differ in type, length or one byte only.
+        const Item item{below(3), Bytes(1 + below(3), static_cast<uint8_t>(below(3) * 127)), below(3),
+                        Bytes(below(4), static_cast<uint8_t>(step))};
+        const auto state = static_cast<uint8_t>(below(2));
+        const Name name{item.keyType, item.key, item.dataType};
+        ASSERT_EQ(state == 0 ? d.Subscribe(item) : d.UnSubscribe(item), ND_LIB_OK);
+        wanted[name] = {item.data, state};
+        std::erase(order[0], name);
+        std::erase(order[1], name);
+        order[state].push_back(name);
+        if (step % 500 == 499) {
+            ASSERT_EQ(BrokenInvariant(d.nd), "");
+        }
+        if (step == 1500) { // an empty store goes on like a new one
+            ND_LIB_DeleteAllKeyEntry(d.nd);
+            wanted.clear();
+            order[0].clear();
+            order[1].clear();
+            ASSERT_EQ(BrokenInvariant(d.nd), "");
+        }
+    }
+    for (const auto &[name, want] : wanted) {
+        const ND_LIB_DataEntry *entry = Find({std::get<0>(name), std::get<1>(name), std::get<2>(name), {}});
+        ASSERT_NE(entry, nullptr);
+        EXPECT_EQ((Wanted{Bytes(entry->dataValue, entry->dataValue + entry->dataLen), entry->subscribeState}),
+                  want);
+        EXPECT_EQ(entry->state, 0U);
+    }
+    ND_LIB_List *lists[2] = {&consumer.subscribingList, &consumer.unsubscribingList};
+    for (size_t kind = 0; kind < 2; ++kind) {
+        ASSERT_EQ(lists[kind]->count, order[kind].size());
+        ND_LIB_ListNode *link = list::First(lists[kind]);
+        for (const Name &name : order[kind]) {
+            const ND_LIB_DataEntry *entry = store::OfWorkLink(link);
+            const ND_LIB_KeyEntry *key = entry->keyEntry;
+            EXPECT_EQ(
+                (Name{key->keyType, Bytes(key->keyValue, key->keyValue + key->keyLen), entry->dataType}),
+                name);
+            link = list::Next(lists[kind], link);
+        }
+    }
+    EXPECT_EQ(consumer.maxKeyLength, 7U);
+    EXPECT_EQ(consumer.maxValueLength, 7U);
+}
+
+TEST_F(Store, OrdersKeysByTypeThenLengthThenBytes) {
+    const Item ascending[] = {{1, {9}, 1, {}}, {1, {0, 1}, 1, {}}, {1, {0, 200}, 1, {}}, {2, {1}, 1, {}}};
+    for (const Item &item : ascending) {
+        d.Subscribe(item);
+    }
+    for (size_t i = 0; i < 4; ++i) {
+        for (size_t j = 0; j < 4; ++j) {
+            const uint32_t expected = i == j  ? ND_LIB_KEY_CMP_EQUAL
+                                      : i < j ? ND_LIB_KEY_CMP_GREATER
+                                              : ND_LIB_KEY_CMP_LESS;
+            EXPECT_EQ(ND_LIB_Key_RB_KeyCmp(Find(ascending[i])->keyEntry, Find(ascending[j])->keyEntry),
+                      expected);
+        }
+    }
+    ND_LIB_KeyEntry twin = *Find(ascending[0])->keyEntry;
+    KAL_RBT_Tree *tree = &consumer.subscribeTree;
+    EXPECT_EQ(ND_LIB_RBT_AddNode(tree, &twin.rbNode, &twin, ND_LIB_Key_RB_KeyCmp), 1U);
+    EXPECT_EQ(tree->count, 4U);
+    KAL_RBT_Tree never = {};
+    EXPECT_EQ(ND_LIB_RBT_AddNode(&never, &twin.rbNode, &twin, ND_LIB_Key_RB_KeyCmp), 1U);
+    EXPECT_EQ(ND_LIB_RBT_AddNode(nullptr, &twin.rbNode, &twin, ND_LIB_Key_RB_KeyCmp), 1U);
+    EXPECT_EQ(ND_LIB_RBT_LookupNode(tree, &twin, nullptr), nullptr);
+    EXPECT_EQ(ND_LIB_SearchOrCreateKeyEntry(nullptr, d.nd), nullptr);
+    EXPECT_EQ(ND_LIB_SerchOrCreateDataEntry(nullptr, d.nd), nullptr);
+    ND_LIB_DeleteAllDataEntry(nullptr, d.nd);
+    ND_LIB_DeleteKeyEntry(nullptr, d.nd);
+    ND_LIB_DeleteDataEntry(nullptr, d.nd);
+    ND_LIB_UpdateDataEntry(nullptr, nullptr, d.nd);
+    ND_LIB_ProcSingleSubAndUnsub(d.nd, nullptr, 18, 0);
+}
+
+TEST_F(Store, ARequestThatFailsLeavesNothingBehind) {
+    const Item fresh{1, {1}, 1, {1, 2, 3}};
+    const Item sibling{1, {1}, 2, {4, 5}};
+    for (const bool withSibling : {false, true}) {
+        if (withSibling) {
+            d.Subscribe(sibling);
+        }
+        uint32_t failed = 0;
+        for (uint64_t call = 1;; ++call, ++failed) {
+            const auto before = world.LiveBytes();
+            const auto lists = consumer.subscribingList.count;
+            world.Fail({.op = sim::Op::kMalloc, .from = world.Calls(sim::Op::kMalloc) + call, .count = 1});
+            const uint32_t ret = d.Subscribe(fresh);
+            world.LiftAll();
+            ASSERT_EQ(BrokenInvariant(d.nd), "");
+            if (ret == ND_LIB_OK) {
+                break;
+            }
+            EXPECT_EQ(ret, ND_LIB_ERR_SUBSCRIBE);
+            EXPECT_EQ(world.LiveBytes(), before);
+            EXPECT_EQ(consumer.subscribingList.count, lists);
+            EXPECT_EQ(Find(fresh), nullptr);
+        }
+        // Node, data, key record, key; key entry and bytes unless there; entry and bytes.
+        EXPECT_EQ(failed, withSibling ? 6U : 8U);
+        // The last copy failing is not told: the item stands without its bytes.
+        EXPECT_EQ(Find(fresh)->dataLen, 0U);
+        EXPECT_EQ(consumer.maxValueLength, 7U);
+        ND_LIB_DeleteAllKeyEntry(d.nd);
+    }
+    // Nor when the item was there: kind and pacing stay as they were.
+    d.Subscribe(fresh);
+    Find(fresh)->sendCnt = 3;
+    world.Fail({.op = sim::Op::kMalloc, .from = world.Calls(sim::Op::kMalloc) + 5, .count = 1});
+    EXPECT_EQ(d.UnSubscribe(fresh), ND_LIB_OK);
+    EXPECT_EQ(Find(fresh)->subscribeState, ND_LIB_SUBSCRIBE);
+    EXPECT_EQ(Find(fresh)->sendCnt, 3U);
+    EXPECT_EQ(Find(fresh)->dataValue, nullptr);
+    EXPECT_EQ(consumer.subscribingList.count, 1U);
+}
+
+TEST_F(Store, ReportsWhichKeyAllocationFailed) {
+    const char *texts[] = {"ND_LIB_SearchOrCreateKeyEntry malloc failed",
+                           "ND_LIB_SearchOrCreateKeyEntry malloc keyValue failed"};
+    for (uint64_t i = 0; i < 2; ++i) {
+        world.Fail({.op = sim::Op::kMalloc, .from = world.Calls(sim::Op::kMalloc) + 4 + i, .count = 1});
+        EXPECT_EQ(d.UnSubscribe(NumberedItem(1)), ND_LIB_ERR_SUBSCRIBE);
+        EXPECT_EQ(d.TakeTrace(0), std::vector<std::string>{texts[i]}); // and no line of the request's own
+    }
+}
+
+// ---- Batches ----
+
+class Batch : public Store {
+protected:
+    Batch() {
+        d.ToState(ND_LIB_FSM_READY);
+        base = d.nd->transNumber;
+    }
+
+    void SubscribeMany(uint32_t count) {
+        for (uint32_t i = 0; i < count; ++i) {
+            d.Subscribe(NumberedItem(i));
+        }
+        (void)d.TakeLog();
+        (void)d.TakeTrace(0);
+    }
+
+    uint32_t base = 0;
+};
+
+TEST_F(Batch, FillsMessagesToTheLastRecordForBothKinds) {
+    for (const bool subscribe : {true, false}) {
+        for (uint32_t i = 0; i < 500; ++i) {
+            EXPECT_EQ(subscribe ? d.Subscribe(NumberedItem(i)) : d.UnSubscribe(NumberedItem(i)), ND_LIB_OK);
+        }
+        (void)d.TakeLog();
+        d.Run(1);
+        const auto sent = d.Sent();
+        ASSERT_EQ(sent.size(), 2U);
+        EXPECT_EQ(sent[0].body.size() + 16, 8000U);
+        EXPECT_EQ(sent[1].body, NumberedItem(499).Record());
+        EXPECT_EQ(Find(NumberedItem(498))->sendTransNumber, sent[0].trans);
+        EXPECT_EQ(Find(NumberedItem(499))->sendTransNumber, sent[1].trans);
+        EXPECT_EQ(Find(NumberedItem(0))->sendCnt, 1U);
+        EXPECT_EQ(Find(NumberedItem(0))->nextSendTime, d.nd->secNow + 2);
+        EXPECT_EQ(d.nd->statisticCnt[subscribe ? 4 : 18], 2U);
+        const auto log = d.TakeLog();
+        EXPECT_EQ(log[0], (LogLine{2, subscribe ? "ND_LIB_SendMsg msgType:18, msgLen:8000"
+                                                : "ND_LIB_SendMsg msgType:20, msgLen:8000"}));
+        EXPECT_EQ(log[1], (LogLine{2, "send sub key: 1000, len: 4, data type:1, len:0"}));
+    }
+    EXPECT_EQ(consumer.sendSubNum, 500U);
+    EXPECT_EQ(consumer.sendUnSubNum, 500U);
+}
+
+TEST_F(Batch, MessagesAreClosedByTheLargestRecordEverStored) {
+    d.Subscribe({1, Bytes(3000, 1), 1, Bytes(980, 1)});
+    d.Subscribe(NumberedItem(1)); // 3992 used, and a record as long as the first just fits
+    d.Subscribe(NumberedItem(2)); // but not behind this one
+    d.Run(1);
+    auto sent = d.Sent();
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_EQ(sent[0].body.size(), 3992U + 16);
+    EXPECT_EQ(sent[1].body.size(), 16U);
+    // Once the largest no longer fits an empty message, every record travels alone.
+    d.Subscribe({1, Bytes(4000, 2), 1, Bytes(3973, 1)});
+    const auto messages = world.Calls(sim::Op::kMsgAlloc);
+    d.Subscribe(NumberedItem(3));
+    d.Run(1);
+    sent = d.Sent();
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].body, NumberedItem(3).Record());
+    EXPECT_EQ(world.Calls(sim::Op::kMsgAlloc) - messages, 3U); // even the first, empty one is replaced
+    EXPECT_EQ(world.LiveMessages(), 0U);
+}
+
+TEST_F(Batch, AFailedSendReturnsItsEntriesUnchanged) {
+    SubscribeMany(3);
+    world.Fail({.op = sim::Op::kSend, .from = world.Calls(sim::Op::kSend) + 1, .count = 1, .code = 9});
+    d.Run(1);
+    EXPECT_EQ(d.TakeLog(), (std::vector<LogLine>{{0, "ND_LIB_SendMsg failed msgType:18, msgLen:64, ret:9"}}));
+    EXPECT_EQ(d.TakeTrace(0), std::vector<std::string>{"ND_LIB_SendMsg failed msgType:18, msgLen:64, ret:9"});
+    EXPECT_EQ(consumer.subscribingList.count, 3U);
+    EXPECT_EQ(Find(NumberedItem(0))->sendCnt, 0U);
+    EXPECT_EQ(Find(NumberedItem(0))->nextSendTime, 0U);
+    EXPECT_EQ(d.nd->statisticCnt[ND_LIB_STAT_SEND_SUBSCRIBE_DATA], 1U);
+    d.Run(1);
+    EXPECT_EQ(d.SentOne(NDPI_MSG_SUBSCRIBE_DATA).trans, base + 2);
+}
+
+TEST_F(Batch, AFailedSendInTheMiddleIsCarriedOnByTheNextAndRepairedByTime) {
+    SubscribeMany(500);
+    world.FailNext(sim::Op::kSend);
+    d.Run(1);
+    Ndpi second = d.SentOne(NDPI_MSG_SUBSCRIBE_DATA);
+    EXPECT_EQ(Find(NumberedItem(0))->sendTransNumber, second.trans); // though it was not in there
+    EXPECT_EQ(consumer.waitSubAckList.count, 500U);
+    d.Ack(second);
+    EXPECT_EQ(consumer.waitSubAckList.count, 499U);
+    d.Run(2);
+    d.Ack(d.SentOne(NDPI_MSG_SUBSCRIBE_DATA));
+    EXPECT_EQ(consumer.subscribeTree.count, 0U);
+}
+
+TEST_F(Batch, ABatchThatStopsEarlyReturnsItsEntries) {
+    SubscribeMany(500);
+    world.FailNext(sim::Op::kSend);
+    world.Fail({.op = sim::Op::kMsgAlloc, .from = world.Calls(sim::Op::kMsgAlloc) + 2, .count = 1});
+    d.Run(1);
+    EXPECT_TRUE(d.Sent().empty());
+    EXPECT_EQ(consumer.subscribeTmpList.count, 0U);
+    EXPECT_EQ(consumer.subscribingList.count, 500U);
+    EXPECT_EQ(d.nd->flowCnt, 1U);
+    d.Run(1);
+    EXPECT_EQ(d.Sent().size(), 2U);
+}
+
+TEST_F(Batch, FailedAllocationsAreRecorded) {
+    SubscribeMany(1);
+    const uint32_t first = d.nd->secNow + 1;
+    world.FailNext(sim::Op::kMsgAlloc, 3);
+    d.Run(3);
+    EXPECT_EQ(d.nd->flowCtrlState, 1U);
+    EXPECT_EQ(d.nd->flowCtlStartTime, first);
+    EXPECT_EQ(d.nd->flowCtlEndTime, 0U);
+    EXPECT_EQ(d.nd->flowCnt, 3U);
+    EXPECT_EQ(d.TakeTrace(0), std::vector<std::string>(3, "ND_LIB_AllocMsg alloc fail"));
+    EXPECT_EQ(d.nd->statisticCnt[ND_LIB_STAT_SEND_SUBSCRIBE_DATA], 0U);
+    EXPECT_EQ(d.nd->transNumber, base);
+    world.FailNext(sim::Op::kMsgAlloc);
+    EXPECT_EQ(ND_LIB_SendSeqErrorMsg(d.nd), ND_LIB_ERR);
+    EXPECT_EQ(d.nd->statisticCnt[ND_LIB_STAT_SEND_SEQUENCE_ERROR], 0U);
+}
+
+// ---- Everything that can fail, failing once ----
+
+// A session that uses every service, played to the end by a component that answers everything.
+class Anomaly {
+public:
+    explicit Anomaly(sim::World &aWorld) : world(aWorld), d(aWorld, false) {}
+
+    // Returns what is wrong, or nothing.
+    std::string Play() {
+        if (d.nd == nullptr) {
+            return "";
+        }
+        d.Register();
+        ND_LIB_AddOptionData(d.nd, "abc", 3);
+        ND_LIB_StartVerify(d.nd);
+        d.onPack = [this] {
+            bool stored = true;
+            for (uint32_t i = 0; i < 20; ++i) {
+                stored = d.Subscribe({1000, U32(i), 1, U32(i)}) == ND_LIB_OK && stored;
+            }
+            stored = d.UnSubscribe(NumberedItem(77)) == ND_LIB_OK && stored;
+            return stored ? uint32_t{ND_LIB_PACK_DONE} : uint32_t{ND_LIB_PACK_MORE};
+        };
+        d.Up();
+        Second(40);
+        if (d.nd->tmrCtx == nullptr || d.nd->consumer.backupTimer == 0) {
+            d.Down(); // without a timer only the component's return helps
+            d.Up();
+            Second(40);
+        }
+        const std::string broken = BrokenInvariant(d.nd);
+        const bool hasTimer = d.nd->tmrCtx != nullptr && d.nd->tmrCtx->tmrInstHandle != 0;
+        if (broken.empty() && hasTimer && passes < 2) {
+            return "stuck in " + std::string(ND_LIB_GetFsmName(d.State()));
+        }
+        (void)d.Pages(200);
+        return broken;
+    }
+
+private:
+    void Second(uint32_t seconds) {
+        for (; seconds != 0; --seconds) {
+            d.Run(1);
+            for (const Ndpi &sent : d.Sent()) {
+                Answer(sent);
+            }
+        }
+    }
+
+    void Answer(const Ndpi &sent) {
+        if (sent.IsAck()) {
+            return;
+        }
+        d.Ack(sent);
+        if (sent.type == NDPI_MSG_SUBSCRIBE_END || sent.type == NDPI_MSG_SEQUENCE_ERROR) {
+            Stream(NDPI_MSG_SMOOTH_BEGIN, NDPI_MSG_SMOOTH_END, ++downloads == 1 ? 3U : 2U);
+        } else if (sent.type == NDPI_MSG_VERIFY_SUBSCRIBE_END) {
+            Stream(NDPI_MSG_VERIFY_DATA_BEGIN, NDPI_MSG_VERIFY_DATA_END, 2);
+            passes += d.State() == ND_LIB_FSM_READY ? 1U : 0U;
+            d.nd->nextVerifyTime = 0;
+        }
+    }
+
+    void Stream(uint8_t begin, uint8_t end, uint32_t endSeq) {
+        d.Receive({.type = begin, .seq = 1});
+        d.Receive({.type = NDPI_MSG_SMOOTH_DATA, .seq = 1, .body = Tlv(1, {1})});
+        d.Receive({.type = end, .seq = endSeq});
+        d.Receive({.type = NDPI_MSG_REAL_UPDATE, .body = Tlv(2, {1})});
+    }
+
+    sim::World &world;
+    Driver d;
+    uint32_t downloads = 0;
+    uint32_t passes = 0;
+};
+
+TEST(Anomalies, EachCallThatCanFailFailsOnceAndForTenSeconds) {
+    uint64_t calls = 0;
+    {
+        sim::World world;
+        Anomaly session(world);
+        ASSERT_EQ(session.Play(), "");
+        calls = world.Calls();
+    }
+    const uint64_t step = calls / 250 + 1; // a sample that covers the whole session
+    for (uint64_t call = 1; call <= calls; call += step) {
+        for (const bool lasting : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "call " << call << (lasting ? " and ten seconds" : " once"));
+            sim::World world;
+            world.Fail({.from = call,
+                        .count = lasting ? sim::kForever : 1,
+                        .lastingMs = lasting ? 10000 : sim::kForever});
+            {
+                Anomaly session(world);
+                EXPECT_EQ(session.Play(), "");
+            }
+            (void)world.TakeSent();
+            EXPECT_EQ(world.Leaks(), "");
+            EXPECT_TRUE(world.Violations().empty());
+            if (testing::Test::HasFailure()) {
+                return;
+            }
+        }
+    }
+}
+
+} // namespace
+} // namespace pegeir::tests
