@@ -225,7 +225,8 @@ typedef struct ND_LIB_ItemHead {
  * and set aside when its turn comes.  When the component goes down, pending requests are dropped:
  * packSubscribeFunc is asked again once it is back.
  * One shortage is not told: when memory for the data bytes is missing at the very last step, the call
- * returns ND_LIB_OK, and the item goes out without data bytes and with the kind of its earlier request.
+ * returns ND_LIB_OK, and the item goes out without data bytes and with the kind of its earlier request,
+ * or not at all when that was sent and is acknowledged before.
  * Return ND_LIB_OK when stored, ND_LIB_ERR for a missing argument or before
  * ND_LIB_RegisterConsumer (asserted), ND_LIB_ERR_SUBSCRIBE when the key is empty, a length is above 10000 or
  * memory is short.

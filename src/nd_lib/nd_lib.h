@@ -29,11 +29,11 @@ struct ND_LIB_ConsumerInfo {
     ND_LIB_List waitSubAckList;
     ND_LIB_List subscribeTmpList;
     uint32_t backupTimer; // id of the one-second timer, 0 while it does not run
-    uint32_t sendSubNum;  // records sent, repetitions included; see ND_LIB_MovDataTmpToAckList
+    uint32_t sendSubNum;  // records moved to waitSubAckList, repetitions included
     uint32_t sendUnSubNum;
     uint32_t compFsmState;
     ND_LIB_FsmRecord fsmRecord[ND_LIB_FSM_RECORD_NUM];
-    uint8_t fsmRecordNum;
+    uint8_t fsmRecordNum; // 0 to 20: records since the history last began again, and the next slot
     uint32_t sequenceNum; // expected next in a download
 };
 

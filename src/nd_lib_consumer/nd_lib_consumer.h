@@ -41,7 +41,7 @@ struct ND_LIB_DataEntry {
     uint32_t state; // always 0; shown in the report
     uint8_t subscribeState;
     uint8_t sendCnt;              // sends since the latest request, stops at 255
-    uint32_t sendTransNumber;     // number of the message that last carried it, 0 until sent since then
+    uint32_t sendTransNumber;     // number it was last counted as sent with, 0 since a request
     uint32_t nextSendTime;        // when a sent entry is due again
     ND_LIB_ListNode workListNode; // on one of the work lists, or free
 };
@@ -110,9 +110,10 @@ ND_LIB_API void ND_LIB_DeleteAllDataEntry(ND_LIB_KeyEntry *keyEntry, ND_LIB_Inst
 // The entry's record has been written into the message being filled.
 ND_LIB_API void ND_LIB_MovDataToTmplist(ND_LIB_DataEntry *entry, ND_LIB_Instance *instance);
 
-// The message was sent: its entries now wait for their acknowledgement, stamped with the number of the
-// message and due again at their paced time.  Each is counted and reported; one that the consumer has
-// requested again since the send, from the log function, is no longer among them.
+// The message was sent: its entries, and those of refused messages before it in the batch, now wait for
+// their acknowledgement, stamped with the number of the message and due again at their paced time.
+// Each is counted and reported; one that the consumer has requested again since the send, from the log
+// function, is no longer among them.
 ND_LIB_API void ND_LIB_MovDataTmpToAckList(ND_LIB_Instance *instance);
 
 // The batch is over: what could not be sent waits again, unchanged.

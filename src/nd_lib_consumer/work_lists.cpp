@@ -1,8 +1,9 @@
 // The way of an entry through the work lists.
 //
 // Reports go to the consumer's log function, which may make requests and so move any entry to any
-// list.  Every walk here therefore takes the first entry until none is left, and looks again at an
-// entry after it has been reported.
+// list.  The walk that reports therefore takes the first entry until none is left, and looks again at
+// an entry after it has been reported; the walk over waitSubAckList, which keeps a next link, must
+// not report.
 
 #include "nd_lib/nd_lib.h"
 #include "nd_lib_debug/report.h"

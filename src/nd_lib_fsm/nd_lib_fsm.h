@@ -54,6 +54,7 @@ enum ND_LIB_FsmEvent : uint32_t {
 
 // Indices of statisticCnt.  The sends of control and data messages count messages that were made,
 // whether or not the platform then took them; those of acknowledgements count what it took.
+// ND_LIB_Statistic counts.
 enum ND_LIB_StatisticCode : uint32_t {
     ND_LIB_STAT_SEND_REGISTER = 0,
     ND_LIB_STAT_RECV_REGISTER_ACK = 1,
@@ -124,7 +125,10 @@ ND_LIB_API extern const ND_LIB_NdpiMsgProc g_ndpiMsgProc[NDPI_MSG_PROC_NUM];
 
 // ---- Engine ----
 
-// Runs event in the current state.  An event without a row there is dropped.
+// Runs event in the current state; an event without a row there is dropped.  message is a whole ndpi
+// message, writable, for the events of messages, and null for the others.  A transition, also to the
+// same state, clears the pacing of control messages, is recorded and reported; a handler that answers
+// ND_LIB_FSM_MAX leaves all that alone.
 ND_LIB_API void ND_LIB_FsmStatusHandle(ND_LIB_Instance *instance, uint32_t event, void *message);
 
 // Returns 1 when row of the table is that of state and event, else 0, also for a row beyond the table.

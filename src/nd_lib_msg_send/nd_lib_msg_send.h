@@ -58,16 +58,17 @@ ND_LIB_API void ND_LIB_SendUnSubMsg(void *message, uint16_t usedLen, ND_LIB_Inst
 ND_LIB_API void *ND_LIB_SendAndReallocMsg(void *message, uint32_t size, uint16_t *usedLen, uint32_t msgType,
                                           ND_LIB_Instance *instance);
 
-// Send everything on subscribingList, and on unsubscribingList, in as many messages as it takes.  What
-// could not be sent is back on its list afterwards; an entry that fits no message is reported and taken
-// off it, until it is requested again.  Return ND_LIB_OK, whether or not the sends succeeded, or
+// Send everything on subscribingList, and on unsubscribingList, in as many messages as it takes.  What a
+// refused send held goes on as if sent with the next message of the batch, and comes back when its
+// acknowledgement is overdue; what no later message took is back on its list afterwards.  An entry that
+// fits no message is reported and taken off its list, until it is requested again.  Return ND_LIB_OK, whether or not the sends succeeded, or
 // ND_LIB_ERR when a message could not be had.
 ND_LIB_API uint32_t ND_LIB_SendSubscribeDataMsg(ND_LIB_Instance *instance);
 ND_LIB_API uint32_t ND_LIB_SendUnSubscribeDataMsg(ND_LIB_Instance *instance);
 
 // ---- Pacing and statistics ----
 
-// Counts one more send and sets *time to now + 2 * *count seconds, at most 120; *count stops at 255.
+// Counts one more send and sets *time to secNow + 2 * *count seconds, at most 120; *count stops at 255.
 ND_LIB_API void ND_LIB_SetNextSendTime(ND_LIB_Instance *instance, uint32_t *time, uint8_t *count);
 
 // Counts one event of an ND_LIB_StatisticCode; a code beyond the table is ignored.
