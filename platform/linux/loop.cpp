@@ -61,11 +61,11 @@ int Loop::Dispatch(int timeoutMs) {
 Fd MakeTimer(std::chrono::milliseconds period, std::chrono::nanoseconds first) {
     if (first.count() == 0)
         first = period;
-    const auto spec = [](std::chrono::nanoseconds time) {
+    const auto split = [](std::chrono::nanoseconds time) {
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
         return timespec{static_cast<time_t>(seconds.count()), static_cast<long>((time - seconds).count())};
     };
-    const itimerspec setting{spec(period), spec(first)};
+    const itimerspec setting{split(period), split(first)};
     Fd timer(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
     if (!timer.Valid() || timerfd_settime(timer.Get(), 0, &setting, nullptr) != 0)
         return {};
