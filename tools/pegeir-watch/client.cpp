@@ -1,3 +1,7 @@
+/*
+ * Callbacks of the library and the platform in, lines of output out.  Nothing in here waits: a callback
+ * notes what has happened, and the next one or the tick goes on from there.
+ */
 #include "client.h"
 
 #include <algorithm>
@@ -9,8 +13,6 @@
 #include <span>
 #include <string_view>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include <pegeir/linux.h>
 #include <pegeir/nd_data.h>
@@ -159,8 +161,11 @@ void Client::OnMessage(void *message) {
     }
     lastFailure.clear();
     const uint32_t result = ND_LIB_MsgProcess(instance, message);
-    if (result == ND_LIB_ERR_SEQUENCE) {
+    if (result == ND_LIB_ERR_SEQUENCE && table.Comparing()) {
+        table.AbandonComparison(); // the rest of this download does not count
         output.Problem("gap", "the download has a gap; asking for a new one");
+    } else if (result == ND_LIB_ERR_SEQUENCE) {
+        Refused("it is out of sequence", sender, length);
     } else if (result != ND_LIB_OK) {
         Refused(lastFailure.empty() ? "it is no valid message of the ND component" : lastFailure, sender,
                 length);
@@ -199,13 +204,15 @@ void Client::OnRecord(uint16_t type, const uint8_t *value, uint16_t length) {
         std::array<char, 8> hex = {};
         (void)std::snprintf(hex.data(), hex.size(), "0x%04x", static_cast<unsigned>(type));
         output.Problem("unknown", "data of unknown type " + std::string(hex.data()) + ": " + HexText(bytes),
-                       {{"type", type}, {"value", HexText(bytes)}});
+                       {{"type", type}, {"bytes", length}});
     }
 }
 
 void Client::OnLog(uint32_t level, const char *format, va_list arguments) {
     const bool wanted = options.logLevel.has_value() && level <= *options.logLevel;
-    if (!wanted && level != ND_LIB_LOG_FAILURE) {
+    // The first failure says why; later ones only that the same thing failed.
+    const bool telling = level == ND_LIB_LOG_FAILURE && lastFailure.empty();
+    if (!wanted && !telling) {
         return;
     }
     std::array<char, 512> text = {};
@@ -214,7 +221,7 @@ void Client::OnLog(uint32_t level, const char *format, va_list arguments) {
         output.Progress({});
         (void)std::fprintf(stderr, "log %u: %s\n", static_cast<unsigned>(level), text.data());
     }
-    if (lastFailure.empty()) { // later lines only say that the same thing failed
+    if (telling) {
         const std::string_view line = text.data();
         const size_t prefix = line.find(", ");
         lastFailure = prefix == std::string_view::npos ? line : line.substr(prefix + 2);
@@ -346,7 +353,9 @@ void Client::FinishDownload(const char *state, const std::string &text) {
 }
 
 void Client::RequestVerification() {
-    if (ND_LIB_StartVerify(instance) == ND_LIB_OK) {
+    if (verifying) {
+        output.State("verify-requested", "a verification pass is under way already");
+    } else if (ND_LIB_StartVerify(instance) == ND_LIB_OK) {
         output.State("verify-requested", "a verification pass was asked for; it begins when it is due");
     }
 }
@@ -413,6 +422,9 @@ std::string Client::ProgressText() {
         return "collecting subscriptions: " + std::to_string(collected) + " of " +
                std::to_string(options.subscriptions.size());
     case Phase::kUploading:
+        if (verifying && table.CurrentTally().records != 0) { // the pass has got on to its download
+            return pass + Plural(table.CurrentTally().records, "record");
+        }
         return pass + "uploading: " + std::to_string(keys - std::min<uint64_t>(keys, PendingKeys())) +
                " of " + Plural(keys, "key") + " acknowledged";
     case Phase::kDownloading:

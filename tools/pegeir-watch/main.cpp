@@ -52,7 +52,7 @@ int Watch(const Options &options) {
             ended = true;
         }
     };
-    if (!events.OnSignals({SIGINT, SIGTERM, SIGUSR1, SIGUSR2}, onSignal) ||
+    if (!events.OnSignals({SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2}, onSignal) ||
         !events.OnTime(250, output.ShowsProgress() ? 250 : 1000, [&] { client.Tick(); }) ||
         (options.forSeconds > 0 &&
          !events.OnTime(static_cast<uint64_t>(options.forSeconds * 1000), 0, [&] { ended = true; }))) {
@@ -75,7 +75,11 @@ int Watch(const Options &options) {
     if (!output.Flush()) {
         return FailToWrite();
     }
-    return client.Satisfied() ? kExitOk : kExitUnsatisfied;
+    if (!client.Satisfied()) {
+        (void)Fail("ended before what --until-ready, --until-verified or --count waits for had come");
+        return kExitUnsatisfied;
+    }
+    return kExitOk;
 }
 
 } // namespace

@@ -1,3 +1,6 @@
+/*
+ * The command line.  Whatever can be wrong with it is found here, before anything is opened.
+ */
 #include "options.h"
 
 #include <algorithm>
@@ -35,15 +38,16 @@ constexpr const char *kFooter = R"(Examples:
   pegeir-watch --synthetic 100000 --until-ready --quiet
 
 Signals:
-  INT, TERM  end cleanly      USR1  print the diagnose reports
-  USR2       ask for one verification pass
+  INT, TERM, HUP  end cleanly
+  USR1            print the diagnose reports
+  USR2            ask for one verification pass
 
 Marks of the text output:
   *  a change of state        !  something is not as it should be
   +  a new item    ~  a changed one    =  one that is as before    -  one that is gone
 
 Exit codes:
-  0  ended as asked: by a signal, --for, --until-ready, --until-verified or --count
+  0  ended as asked: by a signal, by --for, or because what was waited for has come
   1  could not start, or could not write the output
   2  the command line is wrong, or names an unknown interface
   3  ended before --until-ready, --until-verified or --count was met)";
@@ -52,6 +56,7 @@ struct RawOptions {
     std::vector<std::string> interfaces;
     std::vector<std::string> types;
     std::string synthetic;
+    std::string logLevel;
 };
 
 const std::map<std::string, uint16_t> kTypes = {
@@ -137,44 +142,63 @@ std::vector<Subscription> MakeSubscriptions(const RawOptions &raw) {
     return subscriptions;
 }
 
-void Declare(CLI::App &app, Options &options, RawOptions &raw, const std::string &defaultDirectory) {
-    const CLI::Range ids(1U, std::numeric_limits<uint32_t>::max());
+template <typename Number>
+CLI::Validator Between(Number least, Number most) {
+    return CLI::Range(least, most).description(""); // the help text says it more briefly
+}
+
+void Declare(CLI::App &app, Options &options, RawOptions &raw) {
+    const CLI::Validator id = Between<uint32_t>(1, std::numeric_limits<uint32_t>::max());
     app.set_version_flag("--version", "pegeir-watch " PEGEIR_VERSION, "Print the version and end");
     app.footer(kFooter);
-    app.get_formatter()->column_width(34);
 
-    app.add_option("interface", raw.interfaces, "Interfaces by name, or \"all\" (the default)");
-    app.add_option("--type", raw.types, "What to subscribe of them: link, ra, neighbour (default: all three)")
+    app.add_option("INTERFACE", raw.interfaces, "Interfaces by name, or \"all\" (the default)")
+        ->type_name("");
+    app.add_option("--type", raw.types, "What to subscribe of them: link, ra, neighbour (default: all)")
         ->delimiter(',')
-        ->check(CLI::IsMember({"link", "ra", "neighbour"}));
+        ->type_name("TYPE,...")
+        ->check(CLI::IsMember({"link", "ra", "neighbour"}).description(""));
     app.add_option("--synthetic", raw.synthetic,
-                   "Subscribe test items: \"all\" with one request, the first N, or a range FIRST-LAST");
+                   "Subscribe test items: \"all\" with one request, the\nfirst N, or a range FIRST-LAST")
+        ->type_name("ITEMS");
 
     app.add_option("--component", options.component, "Id of the component's process (default: 100)")
-        ->check(ids);
-    app.add_option("--id", options.id, "Id of this process (default: made of its process id)")->check(ids);
-    app.add_option("--directory", options.directory, "Runtime directory (default: " + defaultDirectory + ")");
+        ->type_name("ID")
+        ->check(id);
+    app.add_option("--id", options.id, "Id of this process (default: made of its process id)")
+        ->type_name("ID")
+        ->check(id);
+    app.add_option("--directory", options.directory,
+                   std::string("Runtime directory (default: ") + PEGEIR_LinuxDirectory() + ")")
+        ->type_name("DIR");
 
     app.add_flag("--json", options.json, "Print JSON, one object a line");
     app.add_flag("--quiet", options.quiet, "Print no changes of state and no progress");
     app.add_flag("--changes-only", options.changesOnly, "Do not print items that are as before");
     app.add_flag("--summary", options.summary, "At the end, print everything that is known");
     app.add_flag("--diagnose", options.diagnose, "At the end, print the diagnose reports");
-    app.add_option("--log", options.logLevel,
-                   "Print the library's log on standard error, up to failure, detail or event")
-        ->transform(CLI::CheckedTransformer(kLogLevels, CLI::ignore_case));
+    app.add_option("--log", raw.logLevel,
+                   "Print the library's log on standard error, up to\nfailure, detail or event")
+        ->type_name("LEVEL")
+        ->check(CLI::IsMember({"failure", "detail", "event"}).description(""));
 
-    auto *verify = app.add_flag("--verify", options.verify, "Verify what is known, periodically");
-    app.add_option("--verify-cycle", options.verifyCycle, "Seconds from one pass to the next (default: 60)")
-        ->check(
-            CLI::Range(static_cast<int>(ND_LIB_VERIFY_CYCLE_MIN), static_cast<int>(ND_LIB_VERIFY_CYCLE_MAX)))
+    auto *verify =
+        app.add_flag("--verify", options.verify, "Verify what is known, once ready and periodically");
+    app.add_option("--verify-cycle", options.verifyCycle,
+                   "Seconds from one pass to the next, " + std::to_string(ND_LIB_VERIFY_CYCLE_MIN) + " to " +
+                       std::to_string(ND_LIB_VERIFY_CYCLE_MAX) + " (default: 60)")
+        ->type_name("S")
+        ->check(Between<uint16_t>(ND_LIB_VERIFY_CYCLE_MIN, ND_LIB_VERIFY_CYCLE_MAX))
         ->needs(verify);
 
-    app.add_option("--for", options.forSeconds, "End after so many seconds")->check(CLI::Range(0.001, 1e9));
+    app.add_option("--for", options.forSeconds, "End after S seconds")
+        ->type_name("S")
+        ->check(Between(0.001, 1e9));
     app.add_flag("--until-ready", options.untilReady, "End once the first download is complete");
     app.add_flag("--until-verified", options.untilVerified, "Verify, and end once a pass is complete");
-    app.add_option("--count", options.count, "End after so many items")
-        ->check(CLI::Range(uint64_t{1}, std::numeric_limits<uint64_t>::max()));
+    app.add_option("--count", options.count, "End after N items")
+        ->type_name("N")
+        ->check(Between<uint64_t>(1, std::numeric_limits<int64_t>::max())); // "-1" wraps to above it
 }
 
 void Complete(Options &options, const RawOptions &raw) {
@@ -184,6 +208,9 @@ void Complete(Options &options, const RawOptions &raw) {
     if (options.id == options.component) {
         Refuse("--id and --component are both " + std::to_string(options.id) +
                "; this process needs an id of its own");
+    }
+    if (!raw.logLevel.empty()) {
+        options.logLevel = kLogLevels.at(raw.logLevel);
     }
     options.verify = options.verify || options.untilVerified;
     options.subscriptions = MakeSubscriptions(raw);
@@ -197,7 +224,7 @@ std::variant<Options, int> ParseOptions(int argc, char **argv) {
     CLI::App app("Watches the data that an IPv6 Neighbor Discovery component serves: registers with it,\n"
                  "subscribes, prints each item as it arrives and each change of state.",
                  "pegeir-watch");
-    Declare(app, options, raw, PEGEIR_LinuxDirectory());
+    Declare(app, options, raw);
     try {
         app.parse(argc, argv);
         Complete(options, raw);

@@ -1,3 +1,7 @@
+/*
+ * Text and JSON of everything that is printed.  Each kind of item has one function in either form; what
+ * another process has named is made printable on the way.
+ */
 #include "output.h"
 
 #include <array>
@@ -207,35 +211,27 @@ void Output::Object(const char *event, const Json &fields) {
     }
 }
 
-void Output::State(const char *name, const std::string &text) {
-    State(name, text, Json::object());
-}
-
-void Output::State(const char *name, const std::string &text, const Json &fields) {
-    if (config.quiet) {
+void Output::Event(const char *event, const char *name, char mark, const std::string &text,
+                   std::initializer_list<Field> fields) {
+    if (!config.json) {
+        Line(mark, text);
         return;
     }
-    if (config.json) {
-        Json object = {{"state", name}, {"text", text}};
-        object.update(fields);
-        Object("state", object);
-    } else {
-        Line('*', text);
+    Json object = {{event, name}, {"text", text}};
+    for (const Field &field : fields) {
+        object[field.name] = field.value;
+    }
+    Object(event, object);
+}
+
+void Output::State(const char *name, const std::string &text, std::initializer_list<Field> fields) {
+    if (!config.quiet) {
+        Event("state", name, '*', text, fields);
     }
 }
 
-void Output::Problem(const char *name, const std::string &text) {
-    Problem(name, text, Json::object());
-}
-
-void Output::Problem(const char *name, const std::string &text, const Json &fields) {
-    if (config.json) {
-        Json object = {{"problem", name}, {"text", text}};
-        object.update(fields);
-        Object("problem", object);
-    } else {
-        Line('!', text);
-    }
+void Output::Problem(const char *name, const std::string &text, std::initializer_list<Field> fields) {
+    Event("problem", name, '!', text, fields);
 }
 
 void Output::ItemSeen(Change change, const Item &item, const std::string &interfaceName) {
@@ -262,8 +258,9 @@ void Output::Summary(const Table &table) {
                            {"synthetic", counts[3]}});
         return;
     }
-    lines += Formatted("Known at the end: %zu links, %zu RA intervals, %zu neighbours, %zu synthetic items\n",
-                       counts[0], counts[1], counts[2], counts[3]);
+    lines +=
+        Formatted("Known at the end (links: %zu, RA intervals: %zu, neighbours: %zu, synthetic items: %zu)\n",
+                  counts[0], counts[1], counts[2], counts[3]);
     table.ForEach([this, &table](const Item &item) {
         lines += "    " + ItemText(item, table.InterfaceName(item)) + '\n';
     });

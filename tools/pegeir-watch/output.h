@@ -8,6 +8,8 @@
 #ifndef PEGEIR_WATCH_OUTPUT_H
 #define PEGEIR_WATCH_OUTPUT_H
 
+#include <cstdint>
+#include <initializer_list>
 #include <span>
 #include <string>
 
@@ -41,13 +43,16 @@ public:
 
     explicit Output(const Config &settings) : config(settings) {}
 
-    // A change of state: `name` for programs, `text` for people, fields for programs only.
-    void State(const char *name, const std::string &text);
-    void State(const char *name, const std::string &text, const Json &fields);
+    // A number that the text tells in words, for programs.
+    struct Field {
+        const char *name;
+        uint64_t value;
+    };
 
-    // Something that is not as it should be.
-    void Problem(const char *name, const std::string &text);
-    void Problem(const char *name, const std::string &text, const Json &fields);
+    // A change of state, and something that is not as it should be: `name` and fields for programs,
+    // `text` for people.
+    void State(const char *name, const std::string &text, std::initializer_list<Field> fields = {});
+    void Problem(const char *name, const std::string &text, std::initializer_list<Field> fields = {});
 
     void ItemSeen(Change change, const Item &item, const std::string &interfaceName);
 
@@ -65,6 +70,8 @@ public:
     [[nodiscard]] bool Flush();
 
 private:
+    void Event(const char *event, const char *name, char mark, const std::string &text,
+               std::initializer_list<Field> fields);
     void Line(char mark, const std::string &text);
     void Object(const char *event, const Json &fields);
     [[nodiscard]] bool WriteLines();
