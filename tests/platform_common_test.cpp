@@ -95,7 +95,7 @@ TEST(PlatformTree, StaysBalancedAndCompleteUnderRandomChanges) {
 }
 
 std::string Take(std::string &text, std::size_t count) {
-    const std::string taken = text.substr(0, count);
+    std::string taken = text.substr(0, count);
     text.erase(0, count);
     return taken;
 }
@@ -185,7 +185,7 @@ TEST(PlatformBlackBox, HoldsAndReadsWholeLinesAsTheModelDoes) {
     }
     EXPECT_EQ(world.Leaks(), "");
     EXPECT_TRUE(world.Violations().empty());
-    EXPECT_EQ(CreateBlackBox(0xFFFFFFFF, 9), nullptr);
+    EXPECT_EQ(CreateBlackBox(0x7FFFFFFF, 9), nullptr);
 }
 
 TEST(PlatformText, IsCutToFitAndMistakesWriteNothing) {
