@@ -189,7 +189,13 @@ TEST_F(Lifecycle, RepeatedNotificationsAreOnlyReported) {
     d.Up();
     const uint32_t timer = d.nd->consumer.backupTimer;
     EXPECT_NE(timer, 0U);
-    (void)d.TakeLog();
+    EXPECT_EQ(d.TakeLog(),
+              (std::vector<LogLine>{
+                  {3, "ND_LIB_NotifyNdCompState ndCompState :1, newState:0"},
+                  {2, "ND_LIB_SendMsg msgType:16, msgLen:16"},
+                  {3, "ND_LIB_FsmStatusHandle oldState: Init->newState: Register, event: Component up"},
+                  {2, "ND_LIB_StartLoopTmr start timevalue:1000 ms"},
+                  {2, "ND_LIB_StartLoopTmr end"}}));
     d.Up();
     EXPECT_EQ(d.TakeLog(),
               (std::vector<LogLine>{{3, "ND_LIB_NotifyNdCompState ndCompState :0, newState:0"}}));
@@ -220,8 +226,9 @@ TEST_F(Lifecycle, TheTimeIsThatOfTheLastEntry) {
     world.SetSeconds(6000);
     d.Up();
     EXPECT_EQ(d.nd->secNow, 6000U);
-    d.Run(1);
-    EXPECT_EQ(d.nd->secNow, 6001U);
+    world.SetSeconds(7000);
+    ND_LIB_TimeoutBackupTimer(d.nd);
+    EXPECT_EQ(d.nd->secNow, 7000U);
 }
 
 // ---- The timer service ----

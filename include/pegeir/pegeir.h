@@ -33,6 +33,8 @@
  *    ND_LIB_MsgProcess, ND_LIB_NotifyNdCompState, ND_LIB_RegisterConsumer or ND_LIB_Deinit there.
  *    Requests report through the log function themselves, so a log function that makes one must guard
  *    against being entered again.
+ *  - With several instances in one process, hand a timer message to each, and an ndpi message only to the
+ *    instance whose component sent it.
  *  - Pointers handed in are read during the call and not kept, unless a declaration says otherwise.
  *  - Times are seconds of the platform's monotonic clock.  Numbers are in host byte order, except
  *    inside key, data and record bytes, which the library passes through untouched.
@@ -104,14 +106,16 @@ typedef struct ND_LIB_FrameRegister {
  * state is "Init", verification is off with a cycle of 60 seconds.
  * Returns the instance, to be released with ND_LIB_Deinit, or null when frame is missing, one of its
  * first six words is zero, or memory is short (asserted).  An instance whose timer service could not
- * be set up is returned all the same, but gets no further than registering: everything after that is
- * driven by the one-second timer.
+ * be set up is returned all the same; it registers and asks packSubscribeFunc once, but gets no further:
+ * all that follows is driven by the one-second timer.
  */
 ND_LIB_API ND_LIB_NODISCARD ND_LIB_Instance *ND_LIB_Init(const ND_LIB_FrameRegister *frame);
 
 /* ---- Registering the consumer ---------------------------------------------------------------- */
 
-/* Answers of ND_LIB_PackSubscribeFunc; any other value leaves the collection where it is. */
+/* Answers of ND_LIB_PackSubscribeFunc.  Any other value takes no step, and the question that led here
+ * comes again: after a registration with the next acknowledgement of the repeated request, at the start
+ * of a verification pass with ND_LIB_NOTIFY_VERIFY_REQUEST, else in a second. */
 enum {
     ND_LIB_PACK_MORE = 0, /* not finished: call again in a second */
     ND_LIB_PACK_DONE = 2  /* everything has been subscribed: upload it */
@@ -130,9 +134,12 @@ typedef uint32_t (*ND_LIB_PackSubscribeFunc)(ND_LIB_Instance *instance, void *op
 enum {
     ND_LIB_NOTIFY_SMOOTH_BEGIN = 0,   /* a download begins, or begins again; result ignored */
     ND_LIB_NOTIFY_SMOOTH_END = 1,     /* the download is complete, the instance ready; ignored */
-    ND_LIB_NOTIFY_VERIFY_REQUEST = 2, /* a verification pass is due: 0 starts it, any other
-                                         result postpones the question by 10 seconds */
-    ND_LIB_NOTIFY_VERIFY_END = 3      /* a verification pass is complete; result ignored */
+    ND_LIB_NOTIFY_VERIFY_REQUEST = 2, /* a verification pass is due: 0 starts it, any other result
+                                         moves the due time by 10 seconds; while that lies in the
+                                         past, as after the first ND_LIB_StartVerify, the question
+                                         comes again every second */
+    ND_LIB_NOTIFY_VERIFY_END = 3      /* a verification pass is complete; comes again when the
+                                         component repeats its end; result ignored */
 };
 
 /* Tells the consumer where downloads and verification passes stand.  zero is always 0. */
@@ -186,8 +193,10 @@ ND_LIB_API uint32_t ND_LIB_GetAppLocal(const ND_LIB_Instance *instance);
 ND_LIB_API uint32_t ND_LIB_AddOptionData(ND_LIB_Instance *instance, const void *data, uint32_t length);
 
 /*
- * Enables and disables the periodic verification passes.  A pass that has begun runs to its end
- * either way.  The first pass is due at once.
+ * Enables and disables the periodic verification passes.  Neither breaks off a pass that has begun; a gap
+ * in its download does (a whole download follows, codes 0 and 1 in place of 3), and so does the
+ * component's going.  The due time is kept over both calls; an instance that has not yet run a pass is
+ * due as soon as it is ready.
  * Return ND_LIB_OK, or ND_LIB_ERR without an instance (asserted).
  */
 ND_LIB_API uint32_t ND_LIB_StartVerify(ND_LIB_Instance *instance);
@@ -206,7 +215,8 @@ ND_LIB_API uint32_t ND_LIB_SetVerifyCycle(ND_LIB_Instance *instance, uint16_t se
 /* ---- Subscribing ----------------------------------------------------------------------------- */
 
 /*
- * Describes a key or the data of a request: len bytes follow directly behind the head.  The library
+ * Describes a key or the data of a request: len bytes follow directly behind the head, which is aligned to
+ * 2 bytes.  The library
  * does not look into the bytes.  The reports know key type 1000, an interface index of 4 bytes in
  * network order, and data type 1, the smallest and the largest router-advertisement interval, 4
  * bytes each in network order.
@@ -219,8 +229,9 @@ typedef struct ND_LIB_ItemHead {
 /*
  * Asks for an item (ND_LIB_Subscribe) or gives it up (ND_LIB_UnSubscribe).  The item is named by the
  * key and by the type of the data; both heads are needed even when the item has no data bytes.  The
- * request is stored and goes out when the state machine next sends; a later request for the same
- * item takes the place of an earlier one.  Allowed in every state.  A request whose record cannot fit
+ * request is stored.  A subscribe goes out with the upload under way or, after that, in the ready state
+ * or a verification pass; an unsubscribe only in the last two.  A later request for the same item takes
+ * the place of an earlier one.  Allowed in every state.  A request whose record cannot fit
  * an ndpi message of 8000 bytes (key and data together above 7972 bytes) is accepted, and reported
  * and set aside when its turn comes.  When the component goes down, pending requests are dropped:
  * packSubscribeFunc is asked again once it is back.
@@ -243,9 +254,10 @@ ND_LIB_API uint32_t ND_LIB_UnSubscribe(ND_LIB_Instance *instance, const ND_LIB_I
  * Every callback but the log function runs from here only.
  * message is the data area of a message that the platform delivered; it stays the caller's, but data
  * records in it are rewritten in place.
- * Returns ND_LIB_OK; ND_LIB_ERR for a missing argument (asserted) or while the component is not
- * available; ND_LIB_ERR_MSG for a message that is not ndpi or breaks its rules;
- * ND_LIB_ERR_SEQUENCE for a gap in a download, which the library repairs by itself.
+ * Returns ND_LIB_OK, also for every timer message and for an ndpi message of an unknown type; ND_LIB_ERR
+ * for a missing argument (asserted) or an ndpi message while the component is not available;
+ * ND_LIB_ERR_MSG for a message that is not ndpi or breaks its rules; ND_LIB_ERR_SEQUENCE for a gap in a
+ * download, which the library repairs by itself.
  */
 ND_LIB_API uint32_t ND_LIB_MsgProcess(ND_LIB_Instance *instance, void *message);
 
@@ -260,8 +272,9 @@ typedef struct ND_LIB_CompState {
 /*
  * Tells the library that the ND component has come or gone.  Coming starts the registration and the
  * one-second timer; going drops all pending requests and stops the timer.  Repeating the present
- * state changes nothing.  If the timer cannot be started, nothing more is sent by itself until the
- * component has gone and come again.  A missing argument is asserted.
+ * state refreshes the time and is reported, nothing else.  If the timer cannot be started, nothing more
+ * is sent by itself until the component has gone and come again; one that cannot be stopped goes on
+ * without effect and serves the next time.  A missing argument is asserted.
  */
 ND_LIB_API void ND_LIB_NotifyNdCompState(ND_LIB_Instance *instance, const ND_LIB_CompState *state);
 

@@ -47,7 +47,7 @@ ND_LIB_Instance *ND_LIB_Init(const ND_LIB_FrameRegister *frame) {
     instance->verifyCycle = ND_LIB_VERIFY_CYCLE_DEFAULT;
     instance->isNeedVerify = 0;
     ND_LIB_InitFsmRecord(instance);
-    (void)ND_LIB_InitTmr(instance); // without timers the instance still registers and reports
+    (void)ND_LIB_InitTmr(instance); // without timers it still answers and reports
     ND_LIB_BlackboxInit(instance);
     pegeir::RefreshClock(instance);
     return instance;

@@ -28,7 +28,7 @@ struct ND_LIB_ConsumerInfo {
     ND_LIB_List unsubscribingList;
     ND_LIB_List waitSubAckList;
     ND_LIB_List subscribeTmpList;
-    uint32_t backupTimer; // id of the one-second timer, 0 while it does not run
+    uint32_t backupTimer; // id of the one-second timer, 0 for none; stays set after a failed stop
     uint32_t sendSubNum;  // records moved to waitSubAckList, repetitions included
     uint32_t sendUnSubNum;
     uint32_t compFsmState;
@@ -50,7 +50,7 @@ struct ND_LIB_Instance {
     uint32_t msgMaxLen; // bytes of the largest message built
     uint16_t verifyCycle;
     uint8_t isNeedVerify;
-    uint32_t secNow; // the time of the present entry into the library, base of all timing
+    uint32_t secNow; // time of the last message, notification or expiry; requests do not refresh it
     uint32_t secNowAux;
     ND_LIB_ConsumerInfo consumer;
     uint32_t flowCtrlState;    // 1 once a message could not be had; never cleared
@@ -61,7 +61,7 @@ struct ND_LIB_Instance {
     ND_LIB_TmrCtx *tmrCtx;
     uint32_t statisticCnt[ND_LIB_STAT_MAX];
     ND_LIB_BlackBoxDesc blackBox[ND_LIB_BLACKBOX_MAX];
-    uint32_t nextVerifyTime;
+    uint32_t nextVerifyTime; // earliest secNow of the next pass
     uint32_t diagnoseType;
     uint32_t diagnoseReadLen;
 };

@@ -28,7 +28,8 @@ uint32_t ND_LIB_SendSubscribeBegin(ND_LIB_Instance *instance, void * /*message*/
 uint32_t ND_LIB_SendSubcribeData(ND_LIB_Instance *instance, void * /*message*/) {
     const ND_LIB_ConsumerInfo &consumer = instance->consumer;
     ND_LIB_MovDataAckToBackupListTimeout(instance);
-    // Requests to unsubscribe wait for the ready state, which alone has their acknowledgements.
+    // Requests to unsubscribe wait for the ready state or a verification pass: this state has no row for
+    // their acknowledgements.
     if (consumer.subscribingList.count == 0 && consumer.subscribeTmpList.count == 0 &&
         consumer.waitSubAckList.count == 0) {
         return ND_LIB_FSM_SUBSCRIBE_END;

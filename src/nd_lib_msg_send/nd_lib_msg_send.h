@@ -61,8 +61,8 @@ ND_LIB_API void *ND_LIB_SendAndReallocMsg(void *message, uint32_t size, uint16_t
 // Send everything on subscribingList, and on unsubscribingList, in as many messages as it takes.  What a
 // refused send held goes on as if sent with the next message of the batch, and comes back when its
 // acknowledgement is overdue; what no later message took is back on its list afterwards.  An entry that
-// fits no message is reported and taken off its list, until it is requested again.  Return ND_LIB_OK, whether or not the sends succeeded, or
-// ND_LIB_ERR when a message could not be had.
+// fits no message is reported and taken off its list, until it is requested again.  Return ND_LIB_OK,
+// whether or not the sends succeeded, or ND_LIB_ERR when a message could not be had.
 ND_LIB_API uint32_t ND_LIB_SendSubscribeDataMsg(ND_LIB_Instance *instance);
 ND_LIB_API uint32_t ND_LIB_SendUnSubscribeDataMsg(ND_LIB_Instance *instance);
 

@@ -32,6 +32,7 @@ ND_LIB_API uint32_t ND_LIB_InitTmr(ND_LIB_Instance *instance);
 ND_LIB_API void ND_LIB_DeInitTmr(ND_LIB_Instance *instance);
 
 // Starts a timer that calls callback(instance) every periodMs milliseconds.  Returns its id, or 0.
+// A null callback is asserted; the timer runs all the same, and each expiry is reported instead.
 ND_LIB_API uint32_t ND_LIB_StartLoopTmr(ND_LIB_Instance *instance, ND_LIB_TmrCallback callback,
                                         uint32_t periodMs);
 
@@ -41,10 +42,11 @@ ND_LIB_API uint32_t ND_LIB_StartLoopTmr(ND_LIB_Instance *instance, ND_LIB_TmrCal
 ND_LIB_API uint32_t ND_LIB_StopTmr(ND_LIB_Instance *instance, uint32_t *timerId);
 
 // Hands a timer message to the platform, which runs the expired timers.  Returns the platform's answer;
-// without a timer service the message is ignored and the answer ND_LIB_OK.
+// without a context the message is ignored and the answer ND_LIB_OK.
 ND_LIB_API uint32_t ND_LIB_AppTmrProc(void *message, ND_LIB_Instance *instance);
 
 // The expiry callback of every timer.  Ignores an expiry whose record is missing or of another id.
+// instance is where a missing callback is reported.  Returns 0.
 ND_LIB_API uint32_t ND_LIB_TmrLib_Timeout(uint32_t timerId, uint32_t value, void *param, void *instance);
 
 } // extern "C"

@@ -168,7 +168,8 @@ PEGEIR_PLATFORM_API void KAL_RBT_InsertNodeFixup(KAL_RBT_Tree *tree, KAL_RBT_Nod
  * its creation and the arg of APPTMR_LibRcvMsg. */
 typedef uint32_t (*APPTMR_ExpiryFunc)(uint32_t timerId, uint32_t value, void *param, void *arg);
 
-/* Returns a nonzero handle of a timer library, whose timers run expiry, or 0. */
+/* Returns a nonzero handle of a timer library, whose timers run expiry, or 0.  timerHandle is the
+ * consumer's own word, which the library hands on unread; memHandle is as for ZEP_Malloc_F. */
 PEGEIR_PLATFORM_API uint32_t APPTMR_CreateLib2(uint32_t timerHandle, APPTMR_ExpiryFunc expiry,
                                                uint32_t memHandle);
 
@@ -176,7 +177,7 @@ PEGEIR_PLATFORM_API uint32_t APPTMR_CreateLib2(uint32_t timerHandle, APPTMR_Expi
  * and 500, whose meaning is the timer service's own. */
 PEGEIR_PLATFORM_API uint32_t APPTMR_CreateInstance(uint32_t lib, const uint32_t *params);
 
-/* Flag of APPTMR_CreatePeriodTimer. */
+/* The flag of every APPTMR_CreatePeriodTimer. */
 enum { APP_TIMER_FLAG_SHADOW = 2 };
 
 /* Starts a timer that expires every periodMs milliseconds until it is deleted.  Each expiry arrives
@@ -185,7 +186,9 @@ enum { APP_TIMER_FLAG_SHADOW = 2 };
 PEGEIR_PLATFORM_API uint32_t APPTMR_CreatePeriodTimer(uint32_t instance, uint32_t periodMs, uint32_t zero,
                                                       void *param, uint32_t flag);
 
-/* Returns the param of a running timer, or null for an id that instance does not know. */
+/* Returns the param of a running timer, or null for an id that instance does not know.  A timer stays
+ * known until APPTMR_DeleteTimer has answered 0 or its instance is deleted: a service that forgets one
+ * earlier leaks its param and leaves the library without timeouts. */
 PEGEIR_PLATFORM_API void *APPTMR_GetTimerParam(uint32_t instance, uint32_t timerId);
 
 /* Deletes a timer: it expires no more, also when an expiry message is already under way.  Returns 0,
@@ -193,7 +196,8 @@ PEGEIR_PLATFORM_API void *APPTMR_GetTimerParam(uint32_t instance, uint32_t timer
 PEGEIR_PLATFORM_API uint32_t APPTMR_DeleteTimer(uint32_t instance, uint32_t timerId);
 
 /* Processes a message with receiver IID 3: runs the expiry callback of lib for each timer that the
- * message tells of and that still exists.  zero is 0.  Returns 0, or an error code, also when lib is 0. */
+ * message tells of and that still exists in lib; a timer of another library is left alone.  zero is 0.
+ * Returns 0, or an error code, also when lib is 0. */
 PEGEIR_PLATFORM_API uint32_t APPTMR_LibRcvMsg(uint32_t lib, void *message, uint32_t zero, void *arg);
 
 /* Release a timer instance with its timers, and a timer library. */
