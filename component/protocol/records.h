@@ -10,11 +10,11 @@
 #define PEGEIR_COMPONENT_RECORDS_H
 
 #include <array>
-#include <compare>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace pegeir::component {
@@ -25,14 +25,20 @@ class Writer;
 struct Topic {
     uint16_t keyType = 0;
     uint16_t dataType = 0;
-    auto operator<=>(const Topic &) const = default;
+    bool operator==(const Topic &) const = default;
+    bool operator<(const Topic &other) const {
+        return std::tie(keyType, dataType) < std::tie(other.keyType, other.dataType);
+    }
 };
 
 /* What one subscription names. */
 struct Item {
     Topic topic;
     std::string key; /* the key bytes as received */
-    auto operator<=>(const Item &) const = default;
+    bool operator==(const Item &) const = default;
+    bool operator<(const Item &other) const {
+        return std::tie(topic, key) < std::tie(other.topic, other.key);
+    }
 };
 
 /* Names one record: the number in its key, and the address where one key has several records. */
@@ -40,7 +46,10 @@ struct RecordId {
     Topic topic;
     uint32_t index = 0;
     std::array<uint8_t, 16> address = {};
-    auto operator<=>(const RecordId &) const = default;
+    bool operator==(const RecordId &) const = default;
+    bool operator<(const RecordId &other) const {
+        return std::tie(topic, index, address) < std::tie(other.topic, other.index, other.address);
+    }
 };
 
 /* Returns the number that stands for "every" in a key of this type. */

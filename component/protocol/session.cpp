@@ -8,6 +8,8 @@
  */
 #include "protocol/session.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace pegeir::component {
@@ -139,7 +141,7 @@ void Session::Subscribe(const Item &item) {
     }
     keyBytes_ += item.key.size();
     subscriptions_.emplace(item, pass_);
-    if (phase_ == Phase::kDownloadBegin || phase_ == Phase::kDownloadData || phase_ == Phase::kReady) {
+    if (phase_ == Phase::kDownloadData || phase_ == Phase::kReady) {
         fresh_.insert(item);
     }
 }
@@ -360,10 +362,9 @@ void Session::ForgetChanges() {
 
 void Session::Acknowledge(const Message &message) {
     const bool echo = message.type == MsgType::kSubscribeData || message.type == MsgType::kUnsubscribeData;
-    Bytes ack(kHeaderLen);
-    if (echo) {
-        ack.insert(ack.end(), message.body.begin(), message.body.end());
-    }
+    const ByteView body = echo ? message.body : ByteView{};
+    Bytes ack(kHeaderLen + body.size());
+    std::copy(body.begin(), body.end(), std::next(ack.begin(), kHeaderLen));
     if (queuedBytes_ + ack.size() > context_.limits.waitingAckBytes) {
         if (!std::exchange(ackLossReported_, true)) {
             Report(Severity::kWarning, "takes no acknowledgements: further ones are given up until it does");

@@ -123,7 +123,7 @@ private:
 
     std::deque<RecordId> changes_; /* in the order in which they came, each once */
     std::set<RecordId> changeSet_;
-    std::set<Item> fresh_;          /* subscribed since the download began, to be sent in updates */
+    std::set<Item> fresh_;          /* subscribed behind the download's position, perhaps: sent in updates */
     std::optional<Walk> freshWalk_; /* the one of them that is being sent */
 
     std::deque<Bytes> queue_; /* what the transport has yet to take */

@@ -108,9 +108,9 @@ void RaSource::Load() {
     Apply();
 }
 
-/* A file that stays as it is may be looked at every second: that is reported once. */
+/* Without a watcher the file is read every second, and what it says then is told once. */
 void RaSource::Report(Severity severity, const std::string &text) {
-    if (text != std::exchange(lastReport_, text)) {
+    if (text != std::exchange(lastReport_, text) || watcher_.Fd() >= 0) {
         log_(severity, text);
     }
 }
