@@ -158,8 +158,12 @@ Lines Generate() {
                 Join(labels[{row.state, to}], " / ", event + guard);
             }
         }
-        table.push_back("| " + std::to_string(&row - g_ndLibFsmStateTrans) + " | " + state + " | " + event +
-                        " | `" + HandlerName(row) + "` | " + (next.empty() ? "–" : next) + " |");
+        std::string line = "| " + std::to_string(&row - g_ndLibFsmStateTrans);
+        for (const std::string &cell :
+             {state, event, "`" + HandlerName(row) + "`", next.empty() ? "–" : next}) {
+            line.append(" | ").append(cell);
+        }
+        table.push_back(line + " |");
     }
     Lines text = {"```mermaid", "stateDiagram-v2", "    [*] --> Init"};
     for (const auto &[states, label] : labels) {
@@ -180,6 +184,9 @@ int Treat(const std::string &path, bool update) {
     Lines lines;
     for (std::string line; std::getline(in, line);) {
         lines.push_back(line);
+    }
+    if (lines.empty()) {
+        throw std::runtime_error(path + " cannot be read");
     }
     const auto begin = std::ranges::find(lines, kBegin);
     const auto end = std::find(begin, lines.end(), kEnd);
