@@ -289,8 +289,9 @@ enum { ND_LIB_DIAG_MIN_BUFFER = 20 };
  * are cut off when it is too small.
  * *pageLen must be 0 before each call and is then the length of the page; restart 1 begins again at
  * the first report, any other value goes on.
- * Returns ND_LIB_OK when more pages follow, ND_LIB_ERR_DIAG_END after the last page or without
- * instance or buffer (asserted), ND_LIB_ERR_BUFLEN when bufferLen is below ND_LIB_DIAG_MIN_BUFFER.
+ * Returns ND_LIB_OK when more pages follow; ND_LIB_ERR_DIAG_END with the last page, after which the next
+ * call begins again, or for a missing argument (asserted); ND_LIB_ERR_BUFLEN, with nothing changed, when
+ * bufferLen is below ND_LIB_DIAG_MIN_BUFFER.
  */
 ND_LIB_API uint32_t ND_LIB_GetDiagnoseInfo(ND_LIB_Instance *instance, char *buffer, uint32_t bufferLen,
                                            uint32_t *pageLen, uint32_t restart);

@@ -56,29 +56,32 @@ struct OldBox {
     uint32_t position; // bytes that the diagnose pass under way has read
 };
 
-// Reads on to the end, so that the next read begins at the oldest line; *unread is how much there was.
-// A read that fails leaves the position where it is, so it is tried again before giving up.
-bool ReadToEnd(void *box, char *buffer, uint32_t size, uint32_t *unread) {
+// Reads on.  A read that fails leaves the position where it is, so it is tried again before giving up.
+int32_t ReadOn(void *box, char *buffer, uint32_t size) {
     constexpr uint32_t kTries = 3;
-    *unread = 0;
-    for (uint32_t failures = 0; failures < kTries;) {
-        const int32_t count = ReadBlockFromBlackBox(box, buffer, size);
-        if (count == 0) {
-            return true;
-        }
-        if (count > 0) {
-            *unread += static_cast<uint32_t>(count);
-        } else {
-            ++failures;
-        }
+    int32_t count = -1;
+    for (uint32_t tries = 0; count < 0 && tries < kTries; ++tries) {
+        count = ReadBlockFromBlackBox(box, buffer, size);
     }
-    return false;
+    return count;
+}
+
+// Reads on to the end, so that the next read begins at the oldest line; *unread is how much there was.
+bool ReadToEnd(void *box, char *buffer, uint32_t size, uint32_t *unread) {
+    *unread = 0;
+    for (;;) {
+        const int32_t count = ReadOn(box, buffer, size);
+        if (count <= 0) {
+            return count == 0;
+        }
+        *unread += static_cast<uint32_t>(count);
+    }
 }
 
 // Reads bytes that nobody needs, from the oldest line on.
 bool Skip(void *box, char *buffer, uint32_t size, uint32_t bytes) {
     while (bytes != 0) {
-        const int32_t count = ReadBlockFromBlackBox(box, buffer, bytes < size ? bytes : size);
+        const int32_t count = ReadOn(box, buffer, bytes < size ? bytes : size);
         if (count <= 0) {
             return false;
         }
@@ -88,7 +91,8 @@ bool Skip(void *box, char *buffer, uint32_t size, uint32_t bytes) {
 }
 
 // Copies the lines and the read position of the old box.  A copy that cannot be whole is none: the
-// caller keeps the old box, which then stands where it stood, as far as it can be read.
+// caller keeps the old box, which then stands where it stood unless it cannot be read at all; the next
+// pass finds every line again.
 bool CopyBox(OldBox &old, void *newBox, char *buffer, uint32_t size) {
     uint32_t unread = 0;
     if (!ReadToEnd(old.handle, buffer, size, &unread) || unread > old.content) {
@@ -180,9 +184,8 @@ int32_t ND_LIB_WriteBlackBox(void *handle, const char *format, va_list arguments
 }
 
 uint32_t ND_LIB_CheckBlackBoxNeedExpand(const ND_LIB_BlackBoxDesc *desc) {
-    return desc != nullptr && desc->curSize < desc->maxSize && GetBlackBoxContentLength(desc->bbHandle) > 0
-               ? 1
-               : 0;
+    const bool mayGrow = desc != nullptr && desc->bbHandle != nullptr && desc->curSize < desc->maxSize;
+    return mayGrow && GetBlackBoxContentLength(desc->bbHandle) > 0 ? 1 : 0;
 }
 
 void ND_LIB_ExpandBlackBox(ND_LIB_BlackBoxDesc *desc, ND_LIB_Instance *instance) {
