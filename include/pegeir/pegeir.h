@@ -77,7 +77,7 @@ enum {
 
 /* ---- Creating an instance -------------------------------------------------------------------- */
 
-/* Levels of the log function. */
+/* Levels of the log function.  Each record of an acknowledgement is reported at level 0 as well. */
 enum { ND_LIB_LOG_FAILURE = 0, ND_LIB_LOG_DETAIL = 2, ND_LIB_LOG_EVENT = 3 };
 
 /*
@@ -168,10 +168,10 @@ typedef struct ND_LIB_ConsumerRegister {
 } ND_LIB_ConsumerRegister;
 
 /*
- * Sets the callbacks from *consumer, which is copied, and an empty store.  Call it once, right after
- * ND_LIB_Init.  Every registration, the first as well as a later one, begins by releasing pending
- * requests and option data; the state machine goes on where it stands, and the new packSubscribeFunc is
- * asked when it next collects.
+ * Sets the callbacks from *consumer, which is copied, and an empty store.  As a rule it is called once,
+ * right after ND_LIB_Init.  Every registration, the first as well as a later one, begins by releasing
+ * pending requests and option data; the state machine goes on where it stands, and the new
+ * packSubscribeFunc is asked when it next collects.
  * Returns ND_LIB_OK, or ND_LIB_ERR_PARAM without an instance (not asserted) or for a table that is
  * missing or has a zero word (asserted, nothing changed).
  */
@@ -181,7 +181,7 @@ ND_LIB_API uint32_t ND_LIB_RegisterConsumer(ND_LIB_Instance *instance,
 /* ---- Settings -------------------------------------------------------------------------------- */
 
 /* Returns the appLocal given at creation, so that a callback finds its own context; 0 without an
- * instance. */
+ * instance.  It is 32 bits wide: an index or a number, not a pointer, on a 64-bit host. */
 ND_LIB_API uint32_t ND_LIB_GetAppLocal(const ND_LIB_Instance *instance);
 
 /*

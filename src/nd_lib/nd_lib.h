@@ -50,20 +50,20 @@ struct ND_LIB_Instance {
     uint32_t msgMaxLen; // bytes of the largest message built
     uint16_t verifyCycle;
     uint8_t isNeedVerify;
-    uint32_t secNow; // time of the last message, notification or expiry; requests do not refresh it
-    uint32_t secNowAux;
+    uint32_t secNow;    // time of the last message, notification or expiry; requests do not refresh it
+    uint32_t secNowAux; // the clock's second output, not read
     ND_LIB_ConsumerInfo consumer;
     uint32_t flowCtrlState;    // 1 once a message could not be had; never cleared
     uint32_t flowCtlStartTime; // when that was
     uint32_t flowCtlEndTime;   // shown in the report, never written
-    uint32_t flowCnt;          // how often since
+    uint32_t flowCnt;          // failures, the first included
     uint32_t transNumber;      // of the last message originated
-    ND_LIB_TmrCtx *tmrCtx;
+    ND_LIB_TmrCtx *tmrCtx;     // owned; null when it could not be made
     uint32_t statisticCnt[ND_LIB_STAT_MAX];
     ND_LIB_BlackBoxDesc blackBox[ND_LIB_BLACKBOX_MAX];
-    uint32_t nextVerifyTime; // earliest secNow of the next pass
-    uint32_t diagnoseType;
-    uint32_t diagnoseReadLen;
+    uint32_t nextVerifyTime;  // earliest secNow of the next pass
+    uint32_t diagnoseType;    // the report that comes next
+    uint32_t diagnoseReadLen; // bytes of the last box read, 0 at the start or end of a box
 };
 
 constexpr uint32_t ND_LIB_MSG_MAX_LEN = 8000;
@@ -80,6 +80,7 @@ ND_LIB_API uint32_t ND_LIB_FrameRegisterIsValid(const ND_LIB_FrameRegister *fram
 ND_LIB_API uint32_t ND_LIB_ConsumerRegisterIsValid(const ND_LIB_ConsumerRegister *consumer);
 
 // Returns a new request with its own copies of the bytes, to be released with ND_LIB_FreeDataNode, or null.
+// No argument may be null.
 ND_LIB_API ND_LIB_DataNode *ND_LIB_GetDataNode(ND_LIB_Instance *instance, const ND_LIB_ItemHead *keyHead,
                                                const ND_LIB_ItemHead *dataHead);
 ND_LIB_API void ND_LIB_FreeDataNode(ND_LIB_DataNode *node);

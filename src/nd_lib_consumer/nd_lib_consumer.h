@@ -125,7 +125,7 @@ ND_LIB_API void ND_LIB_MovDataAckToBackupListTimeout(ND_LIB_Instance *instance);
 // ---- Received records ----
 
 // Reads one record of an acknowledgement, an element that the walk has returned, and settles the entry it
-// names.  Returns ND_LIB_OK, or ND_LIB_ERR_MSG for a malformed record.
+// names.  Returns ND_LIB_OK, or ND_LIB_ERR_MSG for a malformed record or without memory.
 ND_LIB_API uint32_t ND_LIB_ParseSubAndUnsubData(ND_LIB_Instance *instance, const uint8_t *tlv,
                                                 uint8_t msgType, uint32_t transNumber);
 

@@ -1,8 +1,8 @@
 // The two trace boxes.
 //
-//   line  := stamp text LF                     at most 255 bytes
-//   stamp := M-D SP h:m:s:ms[zone] SP          local time, no leading zeros
-//   zone  := "-" hh ":" mm                     distance to GMT, left out when there is none
+//   line  := stamp text LF                     ; at most 255 bytes
+//   stamp := M-D SP h:m:s:ms[zone] SP         ; local time, no leading zeros
+//   zone  := "-" hh ":" mm                    ; distance to GMT, left out when there is none
 //
 // A line is formatted in the box's own line buffer and written with one call.
 

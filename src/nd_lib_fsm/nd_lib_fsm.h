@@ -223,7 +223,7 @@ namespace pegeir::fsm {
 // Steps that several handlers share; steps.cpp says why each is as it is.
 
 // Sends the control message of the current state unless it is held back by its pacing.  Returns false
-// when held back.
+// when held back, true also when the send failed.
 bool PacedSend(ND_LIB_Instance *instance, uint32_t (*sender)(ND_LIB_Instance *));
 
 // Asks the consumer for its subscriptions.  Returns more, done, or ND_LIB_FSM_MAX by the answer.

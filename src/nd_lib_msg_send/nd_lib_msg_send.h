@@ -80,7 +80,8 @@ ND_LIB_API void ND_LIB_Statistic(ND_LIB_Instance *instance, uint32_t code);
 ND_LIB_API ND_LIB_KeyEntry *ND_LIB_RBT_LookupNode(KAL_RBT_Tree *tree, const ND_LIB_KeyEntry *key,
                                                   ND_LIB_KeyCompare compare);
 
-// Inserts node under key.  Returns 0, or 1 when an argument is null or an equal key is there already.
+// Inserts node under key.  Returns 0, or 1 when an argument is null, an equal key is there
+// already, or the tree was never set up.
 ND_LIB_API uint32_t ND_LIB_RBT_AddNode(KAL_RBT_Tree *tree, KAL_RBT_Node *node, const ND_LIB_KeyEntry *key,
                                        ND_LIB_KeyCompare compare);
 

@@ -2,14 +2,15 @@
 //
 //   message  := header body
 //   header   := msgLen:u16 flags:u8 msgType:u8 transNumber:u32 reserved:u32 sequenceNum:u32
-//   body     := element*                     msgLen - 16 bytes
-//   element  := tlvType:u16 tlvLen:u16 value value of tlvLen bytes, no padding
+//   body     := element*                     ; msgLen - 16 bytes
+//   element  := tlvType:u16 tlvLen:u16 value ; tlvLen bytes of value, no padding
 //   record   := element of tlvType 18 whose value is
 //               keyType:u16 keyLen:u16 key dataType:u16 dataLen:u16 data
 //
 // msgLen counts the header.  Bit 7 of flags marks an acknowledgement, which has the type and the
 // transNumber of what it answers.  Requests of the library (16 to 22, 29) are acknowledged by the
-// component; of the component's messages the library acknowledges all but the data of a download.
+// component; of the component's messages the library acknowledges all but the data of a download,
+// as far as its present state takes them.
 #ifndef PEGEIR_TLV_NDPI_H
 #define PEGEIR_TLV_NDPI_H
 

@@ -6,6 +6,9 @@
  * another user is refused.  Timers arrive as messages with receiver IID 3.  One event loop serves all
  * of it: run it, or watch its file descriptor from a loop of your own.
  *
+ * For a consumer, pid is the appPid of its ND_LIB_FrameRegister and the component's id is the ndPid; any
+ * memHandle and timerHandle but 0 will do.
+ *
  * A process has at most one runtime, and all calls are made from one thread.  Together with
  * libpegeir-linux the platform contract of pegeir/platform.h is complete.
  */
