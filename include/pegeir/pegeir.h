@@ -133,7 +133,8 @@ typedef uint32_t (*ND_LIB_PackSubscribeFunc)(ND_LIB_Instance *instance, void *op
 /* Codes of ND_LIB_NotifyEventFunc. */
 enum {
     ND_LIB_NOTIFY_SMOOTH_BEGIN = 0,   /* a download begins, or begins again; result ignored */
-    ND_LIB_NOTIFY_SMOOTH_END = 1,     /* the download is complete, the instance ready; ignored */
+    ND_LIB_NOTIFY_SMOOTH_END = 1,     /* the download is complete, the instance ready; comes again
+                                         when the component repeats its end; result ignored */
     ND_LIB_NOTIFY_VERIFY_REQUEST = 2, /* a verification pass is due: 0 starts it, any other result
                                          moves the due time by 10 seconds; while that lies in the
                                          past, as after the first ND_LIB_StartVerify, the question
@@ -216,10 +217,9 @@ ND_LIB_API uint32_t ND_LIB_SetVerifyCycle(ND_LIB_Instance *instance, uint16_t se
 
 /*
  * Describes a key or the data of a request: len bytes follow directly behind the head, which is aligned to
- * 2 bytes.  The library
- * does not look into the bytes.  The reports know key type 1000, an interface index of 4 bytes in
- * network order, and data type 1, the smallest and the largest router-advertisement interval, 4
- * bytes each in network order.
+ * 2 bytes.  The library does not look into the bytes.  The reports know key type 1000, an interface index
+ * of 4 bytes in network order, and data type 1, the smallest and the largest router-advertisement
+ * interval, 4 bytes each in network order.
  */
 typedef struct ND_LIB_ItemHead {
     uint16_t type;
@@ -256,8 +256,9 @@ ND_LIB_API uint32_t ND_LIB_UnSubscribe(ND_LIB_Instance *instance, const ND_LIB_I
  * records in it are rewritten in place.
  * Returns ND_LIB_OK, also for every timer message and for an ndpi message of an unknown type; ND_LIB_ERR
  * for a missing argument (asserted) or an ndpi message while the component is not available;
- * ND_LIB_ERR_MSG for a message that is not ndpi or breaks its rules; ND_LIB_ERR_SEQUENCE for a gap in a
- * download, which the library repairs by itself.
+ * ND_LIB_ERR_MSG for a message that is not ndpi or breaks its rules; ND_LIB_ERR_SEQUENCE for a download
+ * message out of sequence: within a download the library asks for a new one by itself, at any other time
+ * the message is ignored.
  */
 ND_LIB_API uint32_t ND_LIB_MsgProcess(ND_LIB_Instance *instance, void *message);
 

@@ -83,8 +83,8 @@ uint32_t RecvDownloadBegin(ND_LIB_Instance *instance, void *message, uint32_t ev
     return ND_LIB_OK;
 }
 
-// Raises the sequence error before reporting it, so that the repair is on its way when the consumer
-// reads of it.
+// Raises the sequence error before reporting it, so that the repair, if the present state has one, is on
+// its way when the consumer reads of it.
 uint32_t RaiseSequenceError(ND_LIB_Instance *instance, void *message, uint32_t received, uint32_t level,
                             const char *logFormat) {
     ND_LIB_FsmStatusHandle(instance, ND_LIB_EVT_SEQUENCE_ERROR, message);
