@@ -21,32 +21,41 @@ using namespace std::chrono_literals;
 
 namespace {
 
+using Lines = std::vector<std::string>;
+
 struct Seen {
-    uint32_t from, iid, subIntf;
+    uint32_t from, iid;
     std::string data;
 };
 std::vector<Seen> g_seen;
-std::vector<std::string> g_reports, g_peers;
+Lines g_reports, g_told; // g_told: what the other callbacks were told
 std::function<void(void *)> g_onMessage;
 
 void OnMessage(void *, void *message) {
     EXPECT_EQ(reinterpret_cast<uintptr_t>(message) % 8, 0U);
     g_seen.push_back({DMS_MsgSendCidGet(message), DMS_MsgRecvIidGet(message),
-                      DMS_ZEP_MSG_GET_SUB_INTF(message),
                       std::string(static_cast<char *>(message), DMS_MsgDataLenGet(message))});
     if (g_onMessage)
         g_onMessage(message);
 }
 
 void OnPeer(void *, uint32_t peer, int available) {
-    g_peers.push_back(std::to_string(peer) + (available != 0 ? " came" : " went"));
+    g_told.push_back(std::to_string(peer) + (available != 0 ? " came" : " went"));
+}
+
+void OnWritable(void *, uint32_t peer) {
+    g_told.push_back(std::to_string(peer) + " writable");
+}
+
+uint32_t OnExpiry(uint32_t timer, uint32_t, void *param, void *arg) {
+    g_told.push_back(std::to_string(timer) + static_cast<char *>(param) + static_cast<char *>(arg));
+    return 0;
 }
 
 uint32_t Send(uint32_t to, const std::string &text, uint32_t more = 0) {
     const auto size = static_cast<uint32_t>(text.size());
     void *message = ZEP_MsgFlowCtrlAlloc_F(1, to, size, "test", 1);
     std::memcpy(message, text.data(), size);
-    DMS_ZEP_MSG_SET_SUB_INTF(message, 164);
     return ZEP_SEND_MSG(to, 6, 932, message, size + more);
 }
 
@@ -57,8 +66,11 @@ bool Until(const std::function<bool()> &condition, std::chrono::milliseconds lim
     return condition();
 }
 
-void SpinFor(std::chrono::milliseconds time) {
-    Until([] { return false; }, time);
+// Returns what the callbacks are told, at least count lines, and what comes soon after them.
+Lines Told(size_t count) {
+    Until([&] { return g_told.size() >= count; });
+    Until([&] { return g_told.size() > count; }, 250ms);
+    return std::exchange(g_told, {});
 }
 
 class Linux : public testing::Test {
@@ -67,7 +79,7 @@ protected:
         char name[] = "/tmp/pegeir-test-XXXXXX";
         base = mkdtemp(name);
         directory = base + "/run";
-        g_seen.clear(), g_reports.clear(), g_peers.clear(), g_onMessage = nullptr;
+        g_seen.clear(), g_reports.clear(), g_told.clear(), g_onMessage = nullptr;
         PEGEIR_LinuxOnReport([](const char *line) { g_reports.emplace_back(line); });
     }
     void TearDown() override {
@@ -111,28 +123,24 @@ protected:
         waitpid(child, nullptr, 0);
     }
 
-    // Sends bytes to id 1 from a socket with this name in the directory, or without one.
-    void SendRaw(const std::string &name, const std::string &bytes, bool withDescriptor = false,
-                 uid_t user = geteuid()) {
+    // Sends bytes to id 1 from a socket with this name in the directory, or without one; control adds a
+    // descriptor or, as another user, false credentials.
+    void SendRaw(const std::string &name, const std::string &bytes, int control = 0) {
         const int raw = socket(AF_UNIX, SOCK_DGRAM, 0);
         sockaddr_un to{AF_UNIX, {}}, from{AF_UNIX, {}};
         (directory + "/1.sock").copy(to.sun_path, sizeof to.sun_path - 1);
         (directory + "/" + name).copy(from.sun_path, sizeof from.sun_path - 1);
         EXPECT_TRUE(name.empty() || bind(raw, reinterpret_cast<sockaddr *>(&from), sizeof from) == 0);
-        EXPECT_EQ(connect(raw, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
         iovec part{const_cast<char *>(bytes.data()), bytes.size()};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof raw)] = {};
-        msghdr message{nullptr, 0, &part, 1, control, sizeof control, 0};
-        *CMSG_FIRSTHDR(&message) = {CMSG_LEN(sizeof raw), SOL_SOCKET, SCM_RIGHTS};
-        std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), &raw, sizeof raw);
-        if (!withDescriptor)
-            message.msg_controllen = 0;
-        const pid_t child = fork();
-        if (child == 0)
-            _exit(setuid(user) == 0 && sendmsg(raw, &message, 0) >= 0 ? 0 : 1);
-        int status = 1;
-        waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0);
+        const ucred stranger{getpid(), 65534, 65534};
+        const size_t size = control == SCM_RIGHTS ? sizeof raw : sizeof stranger;
+        alignas(cmsghdr) char space[CMSG_SPACE(sizeof stranger)] = {};
+        msghdr message{&to, sizeof to, &part, 1, space, control != 0 ? CMSG_SPACE(size) : 0, 0};
+        auto *head = reinterpret_cast<cmsghdr *>(space);
+        *head = {CMSG_LEN(size), SOL_SOCKET, control};
+        std::memcpy(CMSG_DATA(head), control == SCM_RIGHTS ? static_cast<const void *>(&raw) : &stranger,
+                    size);
+        EXPECT_GE(sendmsg(raw, &message, 0), 0);
         close(raw);
         unlink(from.sun_path);
     }
@@ -147,15 +155,10 @@ TEST_F(Linux, MessagesTravelBetweenProcesses) {
     const pid_t peer = Start(2);
     ASSERT_TRUE(Until([] { return Send(2, "there?") == 0; }));
     for (const size_t size : {1U, 8000U, 65535U}) {
-        std::string text(size, 'x');
-        text.back() = 'y';
-        g_seen.clear();
+        const std::string text = std::string(size - 1, 'x') + 'y';
         EXPECT_EQ(Send(2, text), 0U);
-        ASSERT_TRUE(Until([&] { return !g_seen.empty() && g_seen.back().data.size() == size; })) << size;
-        EXPECT_EQ(g_seen.back().data, text);
-        EXPECT_EQ(g_seen.back().from, 2U);
-        EXPECT_EQ(g_seen.back().iid, 0U);
-        EXPECT_EQ(g_seen.back().subIntf, 164U);
+        ASSERT_TRUE(Until([&] { return !g_seen.empty() && g_seen.back().data == text; })) << size;
+        EXPECT_TRUE(g_seen.back().from == 2 && g_seen.back().iid == 0);
     }
     EXPECT_EQ(Send(2, "longer than allocated", 1), uint32_t{PEGEIR_LINUX_SEND_FAILED});
     EXPECT_EQ(ZEP_MsgFlowCtrlAlloc_F(1, 2, 65536, "test", 1), nullptr);
@@ -171,8 +174,7 @@ TEST_F(Linux, RefusesStrangersAndGarbage) {
     struct Case {
         const char *name;
         std::string bytes, reason;
-        bool descriptor = false;
-        uid_t user = geteuid();
+        int control = 0;
     };
     std::vector<Case> cases = {{"12.1.sock", timer, "timer service"},
                                {"12.1.sock", version, "no packet of this version"},
@@ -180,23 +182,21 @@ TEST_F(Linux, RefusesStrangersAndGarbage) {
                                {"12.1.sock", head.substr(0, 15), "too short"},
                                {"12.1.sock", head + std::string(65536, 'x'), "more than 65535"},
                                {"12.1.sock", head + std::string(99999, 'x'), "more than 65535"},
-                               {"12.1.sock", head, "file descriptors", true}};
+                               {"12.1.sock", head, "file descriptors", SCM_RIGHTS}};
     for (const char *name :
          {"", "12x.1.sock", "012.1.sock", "12.2.sock", "12.sock", "0.1.sock", "4294967296.1.sock"})
         cases.push_back({name, head, "no socket of a pegeir process"});
     if (geteuid() == 0)
-        cases.push_back({"12.1.sock", head, "another user", false, 65534});
+        cases.push_back({"12.1.sock", head, "another user", SCM_CREDENTIALS});
     for (const Case &entry : cases) {
         g_reports.clear();
         ASSERT_EQ(Open(directory, 1), "");
-        SendRaw(entry.name, entry.bytes, entry.descriptor, entry.user);
+        SendRaw(entry.name, entry.bytes, entry.control);
         SendRaw("", "once more");
         SendRaw("12.1.sock", head + "good");
         ASSERT_TRUE(Until([] { return !g_seen.empty(); })) << entry.reason;
         PEGEIR_LinuxClose();
-        EXPECT_EQ(g_seen.size(), 1U) << entry.reason;
-        EXPECT_EQ(g_seen[0].data, "good");
-        EXPECT_EQ(g_seen[0].from, 12U);
+        EXPECT_TRUE(g_seen.size() == 1 && g_seen[0].data == "good" && g_seen[0].from == 12) << entry.reason;
         g_seen.clear();
         // The first is told at once, the second only counted until the close.
         ASSERT_EQ(g_reports.size(), 2U);
@@ -205,74 +205,54 @@ TEST_F(Linux, RefusesStrangersAndGarbage) {
 }
 
 TEST_F(Linux, FullQueueFailsAtOnceAndTellsWhenItHasRoom) {
-    static std::vector<uint32_t> writable;
-    writable.clear();
-    const auto onWritable = [](void *, uint32_t peer) { writable.push_back(peer); };
     ASSERT_EQ(Open(directory, 1), "");
-    EXPECT_EQ(PEGEIR_LinuxWhenWritable(2, onWritable, nullptr), -1);
+    EXPECT_EQ(PEGEIR_LinuxWhenWritable(2, OnWritable, nullptr), -1);
     const pid_t stopped = Start(2, true);
-    uint32_t result = 0;
-    for (int i = 0; i < 10000 && result == 0; i++)
-        result = Send(2, std::string(8000, 'x'));
-    EXPECT_EQ(result, uint32_t{PEGEIR_LINUX_SEND_FULL});
-    EXPECT_EQ(PEGEIR_LinuxWhenWritable(2, nullptr, nullptr), 0);
-    EXPECT_EQ(PEGEIR_LinuxWhenWritable(2, onWritable, nullptr), 0); // in place of the first
-
-    Start(3); // another peer does not notice
-    ASSERT_TRUE(Until([] { return Send(3, std::string(65535, 'x')) == 0; }));
-    ASSERT_TRUE(Until([] { return !g_seen.empty(); }));
-    EXPECT_TRUE(writable.empty());
-
+    const auto fill = [] {
+        uint32_t result = 0;
+        for (int i = 0; i < 10000 && result == 0; i++)
+            result = Send(2, std::string(8000, 'x'));
+        EXPECT_EQ(result, uint32_t{PEGEIR_LINUX_SEND_FULL});
+        EXPECT_EQ(PEGEIR_LinuxWhenWritable(2, OnWritable, nullptr), 0);
+    };
+    fill();
+    EXPECT_EQ(Told(0), Lines{});
     kill(stopped, SIGCONT);
-    ASSERT_TRUE(Until([] { return !writable.empty(); }));
+    EXPECT_EQ(Told(1), Lines{"2 writable"});
     EXPECT_EQ(Send(2, "again"), 0U);
-    SpinFor(50ms);
-    EXPECT_EQ(writable, std::vector<uint32_t>{2});
-
     kill(stopped, SIGSTOP);
-    while (Send(2, std::string(8000, 'x')) == 0)
-        ;
-    EXPECT_EQ(PEGEIR_LinuxWhenWritable(2, onWritable, nullptr), 0);
+    fill();
     End(stopped);
-    EXPECT_TRUE(Until([] { return writable.size() == 2; }));
+    EXPECT_EQ(Told(1), Lines{"2 writable"});
     EXPECT_EQ(Send(2, "gone"), uint32_t{PEGEIR_LINUX_SEND_NO_PEER});
 }
 
 TEST_F(Linux, WatchedPeerComesAndGoes) {
-    const auto told = [](const std::vector<std::string> &expected) {
-        Until([&] { return g_peers.size() >= expected.size(); });
-        return std::exchange(g_peers, {}) == expected;
-    };
     ASSERT_EQ(Open(directory, 1), "");
     ASSERT_EQ(PEGEIR_LinuxWatchPeer(2, OnPeer, nullptr), 0);
-    SpinFor(300ms);
-    EXPECT_TRUE(g_peers.empty());
+    EXPECT_EQ(Told(0), Lines{});
     pid_t peer = Start(2);
-    ASSERT_TRUE(told({"2 came"}));
+    EXPECT_EQ(Told(1), Lines{"2 came"});
     EXPECT_EQ(Send(2, "hello"), 0U); // who is reported there listens
     End(peer);
-    ASSERT_TRUE(told({"2 went"}));
+    EXPECT_EQ(Told(1), Lines{"2 went"});
     peer = Start(2);
-    ASSERT_TRUE(told({"2 came"}));
+    EXPECT_EQ(Told(1), Lines{"2 came"});
     End(peer);
     peer = Start(2, true); // replaced while we do not look
-    ASSERT_TRUE(told({"2 went", "2 came"}));
+    EXPECT_EQ(Told(2), (Lines{"2 went", "2 came"}));
 
     End(peer);
     std::filesystem::remove_all(directory);
-    Start(2);
-    ASSERT_TRUE(told({"2 went", "2 came"}));
+    peer = Start(2);
+    EXPECT_EQ(Told(2), (Lines{"2 went", "2 came"}));
     // The peer reaches us again, too.
     ASSERT_TRUE(Until([] { return !g_reports.empty() && Send(2, "back?") == 0; }));
     EXPECT_TRUE(Until([] { return !g_seen.empty() && g_seen.back().data == "back?"; }));
     EXPECT_NE(g_reports[0].find("was cleared; id 1 is there again"), std::string::npos);
-
-    EXPECT_EQ(PEGEIR_LinuxWatchPeer(1, OnPeer, nullptr), 0); // ourselves
-    ASSERT_TRUE(told({"1 came"}));
     EXPECT_EQ(PEGEIR_LinuxWatchPeer(2, nullptr, nullptr), 0);
-    End(children.back());
-    SpinFor(300ms);
-    EXPECT_TRUE(g_peers.empty());
+    End(peer);
+    EXPECT_EQ(Told(0), Lines{});
 }
 
 TEST_F(Linux, IdBelongsToOneLivingProcess) {
@@ -311,49 +291,34 @@ TEST_F(Linux, RefusesDirectoriesThatAreNotOursAlone) {
 }
 
 TEST_F(Linux, TimersExpireThroughMessages) {
-    static std::vector<std::string> expired;
-    expired.clear();
-    const auto onExpiry = [](uint32_t id, uint32_t, void *param, void *arg) {
-        expired.push_back(std::to_string(id) + static_cast<char *>(param) + static_cast<char *>(arg));
-        return 0U;
-    };
     char param[] = " param", arg[] = " arg";
     const uint32_t words[] = {1, 120, 500};
     ASSERT_EQ(Open(directory, 1), "");
-    const uint32_t lib = APPTMR_CreateLib2(1, onExpiry, 1);
-    const uint32_t otherLib = APPTMR_CreateLib2(1, onExpiry, 1);
+    const uint32_t lib = APPTMR_CreateLib2(1, OnExpiry, 1);
     const uint32_t instance = APPTMR_CreateInstance(lib, words);
     EXPECT_EQ(APPTMR_CreatePeriodTimer(0, 50, 0, param, APP_TIMER_FLAG_SHADOW), 0U);
     const uint32_t timer = APPTMR_CreatePeriodTimer(instance, 50, 0, param, APP_TIMER_FLAG_SHADOW);
-    ASSERT_NE(timer, 0U);
     EXPECT_EQ(APPTMR_GetTimerParam(instance, timer), param);
     EXPECT_EQ(APPTMR_GetTimerParam(instance + 1, timer), nullptr);
-    g_onMessage = [&](void *message) {
-        EXPECT_EQ(APPTMR_LibRcvMsg(otherLib, message, 0, arg), 0U);
-        EXPECT_EQ(APPTMR_LibRcvMsg(lib, message, 0, arg), 0U);
-    };
+    g_onMessage = [&](void *message) { EXPECT_EQ(APPTMR_LibRcvMsg(lib, message, 0, arg), 0U); };
     usleep(230000);
     for (int i = 0; i < 5; i++)
         PEGEIR_LinuxDispatch(0);
-    EXPECT_LE(expired.size(), 2U) << "four expiries were missed and are not made up for";
-    EXPECT_EQ(expired.at(0), std::to_string(timer) + " param arg");
+    EXPECT_LE(g_told.size(), 2U) << "four expiries were missed and are not made up for";
+    EXPECT_EQ(g_told.at(0), std::to_string(timer) + " param arg");
     EXPECT_EQ(g_seen.at(0).iid, 3U);
 
     g_onMessage = [&](void *message) { // the expiry is under way when the timer is deleted
         EXPECT_EQ(APPTMR_DeleteTimer(instance, timer), 0U);
         EXPECT_EQ(APPTMR_LibRcvMsg(lib, message, 0, arg), 0U);
     };
-    const size_t before = expired.size();
-    EXPECT_TRUE(Until([&] { return g_seen.size() == before + 1; }));
-    EXPECT_EQ(expired.size(), before);
+    g_told.clear(), g_seen.clear();
+    EXPECT_TRUE(Until([&] { return !g_seen.empty(); }));
     EXPECT_NE(APPTMR_DeleteTimer(instance, timer), 0U);
-
-    const uint32_t second = APPTMR_CreatePeriodTimer(instance, 1, 0, param, APP_TIMER_FLAG_SHADOW);
+    APPTMR_CreatePeriodTimer(instance, 1, 0, param, APP_TIMER_FLAG_SHADOW);
     APPTMR_DeleteLib(lib);
-    APPTMR_DeleteLib(otherLib);
-    SpinFor(20ms);
-    EXPECT_EQ(g_seen.size(), before + 1);
-    EXPECT_EQ(APPTMR_GetTimerParam(instance, second), nullptr);
+    EXPECT_EQ(Told(0), Lines{});
+    EXPECT_EQ(g_seen.size(), 1U);
 }
 
 TEST_F(Linux, EmbedsThroughItsDescriptorAndClosesFromACallback) {
@@ -361,26 +326,19 @@ TEST_F(Linux, EmbedsThroughItsDescriptorAndClosesFromACallback) {
     PEGEIR_LinuxDispatch(0);
     pollfd watched{PEGEIR_LinuxFd(), POLLIN, 0};
     EXPECT_EQ(poll(&watched, 1, 0), 0);
-    // Two are readable; the first to be called puts an empty pipe in the place of the other.
-    static int full[2][2], empty[2], calls;
-    calls = 0;
-    ASSERT_EQ(pipe(full[0]) + pipe(full[1]) + pipe(empty), 0);
-    const auto onReadable = [](void *, int fd) {
-        const int other = full[fd == full[0][0] ? 1 : 0][0];
-        calls++;
-        PEGEIR_LinuxRemoveFd(fd);
-        PEGEIR_LinuxRemoveFd(other);
-        dup2(empty[0], other);
-        EXPECT_EQ(PEGEIR_LinuxAddFd(
-                      other, [](void *, int) { calls++; }, nullptr),
-                  0);
+    // Two are readable; the first to be called takes the other out.
+    static int ends[2][2];
+    ASSERT_EQ(pipe(ends[0]) + pipe(ends[1]), 0);
+    const auto onReadable = [](void *, int) {
+        g_told.emplace_back("readable");
+        for (const auto &pair : ends)
+            PEGEIR_LinuxRemoveFd(pair[0]);
     };
-    for (const auto &ends : full)
-        EXPECT_EQ(PEGEIR_LinuxAddFd(ends[0], onReadable, nullptr) + (write(ends[1], "x", 1) - 1), 0);
-    PEGEIR_LinuxDispatch(0);
-    EXPECT_EQ(calls, 1);
-    for (const int fd : {full[0][0], full[0][1], full[1][0], full[1][1], empty[0], empty[1]})
-        close(fd);
+    for (const auto &pair : ends)
+        EXPECT_EQ(PEGEIR_LinuxAddFd(pair[0], onReadable, nullptr) + (write(pair[1], "x", 1) - 1), 0);
+    EXPECT_EQ(Told(1), Lines{"readable"});
+    for (const auto &pair : ends)
+        close(pair[0]), close(pair[1]);
 
     g_onMessage = [](void *) { PEGEIR_LinuxClose(); };
     EXPECT_EQ(Send(1, "to myself"), 0U);
@@ -394,15 +352,11 @@ TEST_F(Linux, EmbedsThroughItsDescriptorAndClosesFromACallback) {
 TEST_F(Linux, LocalTimeIsOfTheInstantGiven) {
     setenv("TZ", "XYZ-5:30ABC,M3.5.0/2,M10.5.0/3", 1);
     tzset();
-    using Case = std::pair<SysTime, SysTime>;
-    for (const auto &[gmt, expected] : {Case{{2024, 12, 31, 23, 10, 5, 2, 77}, {2025, 1, 1, 4, 40, 5, 3, 77}},
-                                        Case{{2024, 2, 29, 18, 29, 0, 4, 0}, {2024, 2, 29, 23, 59, 0, 4, 0}},
-                                        Case{{2024, 7, 1, 0, 0, 0, 1, 0}, {2024, 7, 1, 6, 30, 0, 1, 0}}}) {
-        SysTime local{};
-        uint32_t flag = 1;
-        EXPECT_EQ(ZEP_Gmt2LocalTime(&gmt, &local, &flag), 0U);
-        EXPECT_EQ(std::memcmp(&local, &expected, sizeof local), 0) << int{gmt.month};
-    }
+    const SysTime gmt{2024, 7, 31, 23, 10, 5, 3, 77}, expected{2024, 8, 1, 5, 40, 5, 4, 77};
+    SysTime local{};
+    uint32_t flag = 1;
+    EXPECT_EQ(ZEP_Gmt2LocalTime(&gmt, &local, &flag), 0U);
+    EXPECT_EQ(std::memcmp(&local, &expected, sizeof local), 0);
     unsetenv("TZ");
     tzset();
 }
