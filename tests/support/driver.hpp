@@ -69,7 +69,7 @@ public:
 
     // Makes an instance in world, and registers the consumer unless told otherwise.
     explicit Driver(sim::World &aWorld, bool registerConsumer = true);
-    ~Driver(); // tears the instance down
+    ~Driver() { Deinit(); }
     Driver(const Driver &) = delete;
     Driver &operator=(const Driver &) = delete;
 
@@ -85,14 +85,14 @@ public:
     // ---- What happens to it ----
     void Run(uint64_t seconds) { world.Run(seconds * 1000); }
     // Hands over a message of the component, of an ordinary envelope and length.
-    uint32_t Receive(const Ndpi &message, uint32_t sender = kNd);
+    uint32_t Receive(const Ndpi &message) { return ReceiveBytes(message.Wire()); }
     uint32_t ReceiveBytes(const Bytes &bytes, uint32_t subIntf = NDPI_MSG_SUB_INTF, uint32_t sender = kNd);
     // Acknowledges the last message of that type that was taken.
     uint32_t Ack(const Ndpi &request);
-    // What went out since the last look.
-    std::vector<Ndpi> Sent();
-    // The same, which must be one message of that type.
-    Ndpi SentOne(uint8_t type);
+    // A second passes, in which one request of that type goes out, and is acknowledged.
+    void AckNext(uint8_t type);
+    std::vector<Ndpi> Sent();   // what went out since the last look
+    Ndpi SentOne(uint8_t type); // the same, which must be one message of that type
 
     // ---- Ways into a state ----
     void ToState(uint32_t state);
