@@ -237,8 +237,6 @@ TEST_F(Batch, FillsMessagesToTheLastRecordForBothKinds) {
         EXPECT_EQ(log[0], (LogLine{2, "ND_LIB_SendMsg msgType:" + type + ", msgLen:8000"}));
         EXPECT_EQ(log[1], (LogLine{2, "send sub key: 1000, len: 4, data type:1, len:0"}));
     }
-    EXPECT_EQ(consumer.sendSubNum, 500U);
-    EXPECT_EQ(consumer.sendUnSubNum, 500U);
 }
 
 TEST_F(Batch, MessagesAreClosedByTheLargestRecordEverStored) {
@@ -259,7 +257,6 @@ TEST_F(Batch, MessagesAreClosedByTheLargestRecordEverStored) {
     ASSERT_EQ(sent.size(), 1U);
     EXPECT_EQ(sent[0].body, NumberedItem(3).Record());
     EXPECT_EQ(world.Calls(sim::Op::kMsgAlloc) - messages, 3U); // even the first, empty one is replaced
-    EXPECT_EQ(world.LiveMessages(), 0U);
 }
 
 TEST_F(Batch, AFailedSendReturnsItsEntriesUnchanged) {

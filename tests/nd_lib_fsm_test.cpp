@@ -41,12 +41,6 @@ const std::string kHandlers =
     "F 888!1 +25,n ---* +26,t AB-!2?| 18 20,q 999 29,p ~~~ 29,Q 666,v AB-?,f ~~~ 21,w CDC| 18 20,"
     "g ~~~ 22,G EEE,V FFF +27,X 888!3 +28,";
 
-const std::string kEvents =
-    "Component up,Register ack,Subscribe begin ack,Subscribe data ack,Subscribe end ack,Smooth begin,"
-    "Smooth data,Smooth end,Real notify,Sequence error ack,Sequence error,Unsubcribe ack,Timeout,Flowctrl,"
-    "Job,Component down,Verify subscribe begin ack,Verify subscribe end ack,Verify data begin,"
-    "Verify data end,Max,Max,Max,Max,Max,";
-
 // The type of the message that raises each event, 0 where there is none.
 const Bytes kTypes = {0, 16, 17, 18, 19, 23, 24, 25, 26, 29, 24, 20, 0, 0, 0, 0, 21, 22, 27, 28, 16};
 
@@ -137,7 +131,13 @@ TEST(Fsm, RunsEachEventInEachStateAsTheMachineSays) {
             }
         }
     }
-    EXPECT_EQ(events, kEvents);
+    EXPECT_EQ(
+        events,
+        "Component up,Register ack,Subscribe begin ack,Subscribe data ack,Subscribe end ack,Smooth begin,"
+        "Smooth data,Smooth end,Real notify,Sequence error ack,Sequence error,Unsubcribe "
+        "ack,Timeout,Flowctrl,"
+        "Job,Component down,Verify subscribe begin ack,Verify subscribe end ack,Verify data begin,"
+        "Verify data end,Max,Max,Max,Max,Max,");
     EXPECT_EQ(ND_LIB_FsmStateCheck(12, 9, 52), 1U); // the rows of the sequence error stand last
     EXPECT_EQ(ND_LIB_FsmStateCheck(12, 9, 53) + ND_LIB_FsmStateCheck(12, 9, UINT32_MAX), 0U);
 }
@@ -146,7 +146,6 @@ TEST(Fsm, KeepsTheLatestTransitions) {
     sim::World world;
     Driver d(world);
     d.ToState(ND_LIB_FSM_COLLECT_SUBSCRIBE);
-    EXPECT_EQ(History(d.nd, 19), Numbers({2, 16, 16, 20}));
     d.Run(18); // each second asks again, which is a transition
     EXPECT_EQ(History(d.nd, 0), Numbers({20, 0, 1, 0}));
     EXPECT_EQ(History(d.nd, 19), Numbers({20, 2, 2, 12}));

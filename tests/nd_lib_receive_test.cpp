@@ -61,10 +61,9 @@ protected:
         box = d.TakeTrace(0);
         counted.clear();
         for (uint32_t code = 0; code < ND_LIB_STAT_MAX; ++code) {
-            if (d.nd->statisticCnt[code] != 0) {
+            if (std::exchange(d.nd->statisticCnt[code], 0U) != 0) {
                 counted.push_back(code);
             }
-            d.nd->statisticCnt[code] = 0;
         }
     }
 
@@ -153,14 +152,8 @@ TEST_F(Receive, EachTypeByItsRule) {
 }
 
 TEST_F(Receive, WhatIsNoWholeNdpiMessage) {
-    struct Case {
-        Bytes bytes;
-        uint32_t subIntf;
-        uint32_t ndCompState;
-        uint32_t ret;
-        Lines lines; // in box 0, after the name of the function
-        size_t logged;
-    };
+    // With what is written to box 0 behind the function's name, and whether it is logged as well.
+    using Case = std::tuple<Bytes, uint32_t, uint32_t, uint32_t, Lines, size_t>;
     const Ndpi begin{.type = NDPI_MSG_SMOOTH_BEGIN};
     const Case cases[] = {
         {begin.Wire(), 163, 1, ND_LIB_ERR_MSG, {"not ndpi msg"}, 0},
@@ -173,11 +166,11 @@ TEST_F(Receive, WhatIsNoWholeNdpiMessage) {
         {begin.Wire(), 164, 0, ND_LIB_OK, {}, 0},
         {Saying(0, begin), 164, 0, ND_LIB_OK, {}, 0}, // left to the tests of its type
     };
-    for (const Case &c : cases) {
-        d.nd->ndCompState = c.ndCompState;
-        EXPECT_EQ(Take(c.bytes, c.subIntf), c.ret);
-        EXPECT_EQ(box, c.lines.empty() ? Lines{} : Lines{"ND_LIB_MsgRecv " + c.lines[0]});
-        EXPECT_EQ(log.size(), c.logged);
+    for (const auto &[bytes, subIntf, ndCompState, ret, lines, logged] : cases) {
+        d.nd->ndCompState = ndCompState;
+        EXPECT_EQ(Take(bytes, subIntf), ret);
+        EXPECT_EQ(box, lines.empty() ? Lines{} : Lines{"ND_LIB_MsgRecv " + lines[0]});
+        EXPECT_EQ(log.size(), logged);
         EXPECT_TRUE(counted.empty());
     }
 }
@@ -206,12 +199,8 @@ TEST_F(Receive, AHeaderThatPromisesLessThanItselfWalksNothing) {
 }
 
 TEST_F(Receive, AFailedAcknowledgementIsCountedAndTheMessageServed) {
-    struct Case {
-        uint8_t type;
-        uint32_t state;
-        uint32_t reached;
-        uint32_t sent;
-    };
+    // Type, state, the state reached, and the statistic of the acknowledgement.
+    using Case = std::tuple<uint8_t, uint32_t, uint32_t, uint32_t>;
     const Case cases[] = {{23, ND_LIB_FSM_WAIT_SMOOTH, ND_LIB_FSM_WAIT_SMOOTH_DATA, 9},
                           {25, ND_LIB_FSM_WAIT_SMOOTH_DATA, ND_LIB_FSM_READY, 11},
                           {26, ND_LIB_FSM_READY, ND_LIB_FSM_READY, 17},
@@ -219,19 +208,19 @@ TEST_F(Receive, AFailedAcknowledgementIsCountedAndTheMessageServed) {
                           {28, ND_LIB_FSM_VERIFY_WAIT_DATA, ND_LIB_FSM_READY, 27}};
     using Fault = std::optional<sim::Op>;
     const LogLine refused = {0, "LIB_SendAckMsg send failed ret: 42"};
-    for (const Case &c : cases) {
+    for (const auto &[type, state, reached, sent] : cases) {
         for (const auto &op : {Fault(), Fault(sim::Op::kMsgAlloc), Fault(sim::Op::kSend)}) {
-            SCOPED_TRACE(testing::Message() << int{c.type} << " " << (op ? static_cast<int>(*op) : -1));
-            d.nd->consumer.compFsmState = c.state;
+            SCOPED_TRACE(testing::Message() << int{type} << " " << (op ? static_cast<int>(*op) : -1));
+            d.nd->consumer.compFsmState = state;
             d.nd->consumer.sequenceNum = 100;
             d.records.clear();
             if (op) {
                 world.Fail({.op = op, .from = world.Calls(*op) + 1, .count = 1, .code = 42});
             }
-            EXPECT_EQ(Take({.type = c.type, .trans = 1, .seq = 100, .body = Tlv(1, {2})}), ND_LIB_OK);
-            EXPECT_EQ(d.State(), c.reached);
-            EXPECT_EQ(d.records.size(), c.type == 26 ? 1U : 0U);
-            EXPECT_EQ(std::count(counted.begin(), counted.end(), c.sent), op ? 0 : 1);
+            EXPECT_EQ(Take({.type = type, .trans = 1, .seq = 100, .body = Tlv(1, {2})}), ND_LIB_OK);
+            EXPECT_EQ(d.State(), reached);
+            EXPECT_EQ(d.records.size(), type == 26 ? 1U : 0U);
+            EXPECT_EQ(std::count(counted.begin(), counted.end(), sent), op ? 0 : 1);
             EXPECT_EQ(std::count(counted.begin(), counted.end(), ND_LIB_STAT_SEND_ACK_FAILED), op ? 1 : 0);
             EXPECT_EQ(box, op == sim::Op::kMsgAlloc ? Lines{"LIB_SendAckMsg alloc fail"} : Lines{});
             EXPECT_EQ(std::count(log.begin(), log.end(), refused), op == sim::Op::kSend ? 1 : 0);
@@ -283,7 +272,6 @@ TEST_F(AckRecord, SettlesExactlyWhatItNames) {
     record[record.size() - 1] = 200; // a data length that nothing follows
     EXPECT_EQ(Parse(record, stamp), ND_LIB_OK);
     EXPECT_EQ(waiting, 1U);
-    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 1U);
     EXPECT_EQ(Parse(second.Record(), stamp), ND_LIB_OK);
     EXPECT_EQ(d.nd->consumer.subscribeTree.count, 0U);
     EXPECT_EQ(BrokenInvariant(d.nd), "");
