@@ -84,17 +84,16 @@ void Raise(uint32_t state, uint32_t event, size_t answer) {
     sim::Record record;
     record.bytes = Ndpi{.type = kTypes[column], .trans = 77, .body = NumberedItem(1).Record()}.Wire();
     const sim::Message message(world, record);
-    const char letter = handlers[column];
     const uint64_t calls = world.Calls();
     ND_LIB_FsmStatusHandle(d.nd, event, kTypes[column] == 0 ? nullptr : message.Data());
 
+    const char letter = handlers[column];
     EXPECT_TRUE(letter != '.' || world.Calls() == calls) << "something was sent, traced or allocated";
     const size_t from = kHandlers.find(std::string(",") + letter + " ") + 3;
     const char digit = kHandlers[from + answer];
     std::string expected = kHandlers.substr(from + 3, kHandlers.find(',', from) - from - 3);
-    if (const size_t bar = expected.find('|'); bar != std::string::npos) {
-        expected.erase(bar, full ? 1 : std::string::npos);
-    }
+    const size_t bar = std::min(expected.find('|'), expected.size());
+    expected.erase(bar, full ? 1 : std::string::npos);
     for (const Ndpi &sent : d.Sent()) {
         seen += (sent.IsAck() ? " +" : " ") + std::to_string(sent.type);
     }
@@ -147,7 +146,6 @@ TEST(Fsm, KeepsTheLatestTransitions) {
     Driver d(world);
     d.ToState(ND_LIB_FSM_COLLECT_SUBSCRIBE);
     d.Run(18); // each second asks again, which is a transition
-    EXPECT_EQ(History(d.nd, 0), Numbers({20, 0, 1, 0}));
     EXPECT_EQ(History(d.nd, 19), Numbers({20, 2, 2, 12}));
     d.Run(1); // starts again from the first entry
     EXPECT_EQ(History(d.nd, 0), Numbers({1, 2, 2, 12}));
