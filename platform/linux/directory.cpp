@@ -60,7 +60,9 @@ std::string DirectoryFault(const std::string &path) {
         return "it belongs to user " + std::to_string(status.st_uid) + ", not to user " +
                std::to_string(geteuid()) + "; choose another";
     if ((status.st_mode & 077) != 0)
-        return "other users can get into it; run: chmod 700 " + path;
+        return "other users can get into it; choose another directory, or if it is for pegeir alone run: "
+               "chmod 700 " +
+               path;
     return "";
 }
 
