@@ -33,6 +33,12 @@ if(PEGEIR_SANITIZE)
   target_link_options(pegeir_compile INTERFACE -fsanitize=address,undefined)
 endif()
 
+if(PEGEIR_COVERAGE)
+  # Everything, because the linker keeps one copy of an inline function: it must be one that counts.
+  target_compile_options(pegeir_compile INTERFACE --coverage)
+  target_link_options(pegeir_compile INTERFACE --coverage)
+endif()
+
 # pegeir_add_library(name SOURCES ... [OBJECTS ...] [INCLUDE ...] [LINK ...] [OUTPUT_NAME ...]) makes
 # name (shared) and name_static from the same objects; OBJECTS names object libraries whose objects
 # become part of both.
