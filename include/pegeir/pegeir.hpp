@@ -124,8 +124,8 @@ struct [[nodiscard]] Page {
 // Who the consumer is and where the component is, as ND_LIB_FrameRegister and ND_LIB_ConsumerRegister
 // describe it.  None may be zero.
 struct Config {
-    std::uint32_t component;       // ndPid
-    std::uint32_t self;            // appPid
+    std::uint32_t component;     // ndPid
+    std::uint32_t self;          // appPid
     std::uint32_t memHandle = 1; // this and the next are handed to the platform
     std::uint32_t timerHandle = 1;
     std::uint32_t funcTable = 1; // shown in the reports
