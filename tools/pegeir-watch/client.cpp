@@ -10,7 +10,6 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <span>
 #include <string_view>
 #include <vector>
 
@@ -19,9 +18,6 @@
 
 namespace pegeir::watch {
 namespace {
-
-// The values of the frame that this platform gives no meaning; the library wants them nonzero.
-constexpr uint32_t kHandle = 1;
 
 // Subscriptions made in one go.  The rest follows a second later, so that messages, signals and the
 // terminal get their turn.
@@ -40,11 +36,7 @@ constexpr size_t kReportSize = 262144;
 
 constexpr uint32_t kTimerIid = 3;
 
-// The library hands callbacks its instance and 32 bits, too few for a pointer.  As there is one
-// runtime in a process, there is one client.
-Client *running = nullptr;
-
-std::string Plural(size_t count, const char *noun) {
+std::string Plural(uint64_t count, const char *noun) {
     return std::to_string(count) + ' ' + noun + (count == 1 ? "" : "s");
 }
 
@@ -63,36 +55,6 @@ std::string TallyText(const Tally &tally) {
 
 } // namespace
 
-struct Client::Callbacks {
-    static void Message(void * /*context*/, void *message) noexcept { running->OnMessage(message); }
-    static void Peer(void * /*context*/, uint32_t /*peer*/, int available) noexcept {
-        running->OnPeer(available != 0);
-    }
-    static uint32_t Pack(ND_LIB_Instance * /*instance*/, void * /*optionData*/) noexcept {
-        return running->OnPack();
-    }
-    static uint32_t Notify(ND_LIB_Instance * /*instance*/, uint32_t code, uint32_t /*zero*/) noexcept {
-        return running->OnNotify(code);
-    }
-    static uint32_t Updata(ND_LIB_Instance * /*instance*/, const ND_LIB_TlvHead *record) noexcept {
-        ND_LIB_TlvHead head;
-        std::memcpy(&head, record, sizeof head); // the record lies at any alignment
-        running->OnRecord(head.tlvType, reinterpret_cast<const uint8_t *>(record) + sizeof head, head.tlvLen);
-        return ND_LIB_OK;
-    }
-    static uint32_t Log(ND_LIB_Instance *instance, uint32_t level, const char *format, ...) noexcept
-        ND_LIB_PRINTF(3, 4);
-};
-
-uint32_t Client::Callbacks::Log(ND_LIB_Instance * /*instance*/, uint32_t level, const char *format,
-                                ...) noexcept {
-    va_list arguments;
-    va_start(arguments, format);
-    running->OnLog(level, format, arguments);
-    va_end(arguments);
-    return 0;
-}
-
 Client::Client(const Options &userOptions, Output &userOutput) : options(userOptions), output(userOutput) {
     Subscription lastKey = {};
     for (const Subscription &subscription : options.subscriptions) { // those of one key stand together
@@ -101,40 +63,38 @@ Client::Client(const Options &userOptions, Output &userOutput) : options(userOpt
         keys += sameKey ? 0 : 1;
         lastKey = subscription;
     }
-    running = this;
 }
 
 Client::~Client() {
-    ND_LIB_Deinit(instance);
+    library.Close(); // while it can still release its timers
     PEGEIR_LinuxClose();
-    running = nullptr;
 }
 
 bool Client::Open(std::string &error) {
     const char *const directory = options.directory.empty() ? nullptr : options.directory.c_str();
-    const PEGEIR_LinuxConfig config = {options.id, directory, Callbacks::Message, nullptr};
+    const auto onMessage = [](void *client, void *message) {
+        static_cast<Client *>(client)->OnMessage(message);
+    };
+    const auto onPeer = [](void *client, uint32_t /*peer*/, int available) {
+        static_cast<Client *>(client)->OnPeer(available != 0);
+    };
+    const PEGEIR_LinuxConfig config = {options.id, directory, onMessage, this};
     std::array<char, 512> text = {};
     if (PEGEIR_LinuxOpen(&config, text.data(), text.size()) != 0) {
         error = text.data();
         return false;
     }
-    ND_LIB_FrameRegister frame = {};
-    frame.ndPid = options.component;
-    frame.appPid = options.id;
-    frame.memHandle = frame.timerHandle = frame.appLocal = kHandle;
-    frame.logFunc = Callbacks::Log;
-    const ND_LIB_ConsumerRegister consumer = {kHandle, Callbacks::Pack, Callbacks::Notify, Callbacks::Updata};
-    instance = ND_LIB_Init(&frame);
-    if (instance == nullptr || ND_LIB_RegisterConsumer(instance, &consumer) != ND_LIB_OK) {
+    library = pegeir::Client({.component = options.component, .self = options.id}, *this);
+    if (!library) {
         error = "the library could not be set up: out of memory?";
         return false;
     }
-    if (options.verify && (ND_LIB_SetVerifyCycle(instance, options.verifyCycle) != ND_LIB_OK ||
-                           ND_LIB_StartVerify(instance) != ND_LIB_OK)) {
+    if (options.verify && (library.SetVerifyCycle(options.verifyCycle) != Result::kOk ||
+                           library.StartVerify() != Result::kOk)) {
         error = "the library refused a verification cycle of " + std::to_string(options.verifyCycle) + " s";
         return false;
     }
-    if (PEGEIR_LinuxWatchPeer(options.component, Callbacks::Peer, nullptr) != 0) {
+    if (PEGEIR_LinuxWatchPeer(options.component, onPeer, this) != 0) {
         error =
             "cannot watch for component " + std::to_string(options.component) + ": " + std::strerror(errno);
         return false;
@@ -160,13 +120,13 @@ void Client::OnMessage(void *message) {
         return;
     }
     lastFailure.clear();
-    const uint32_t result = ND_LIB_MsgProcess(instance, message);
-    if (result == ND_LIB_ERR_SEQUENCE && table.Comparing()) {
+    const Result result = library.Process(message);
+    if (result == Result::kSequence && table.Comparing()) {
         table.AbandonComparison(); // the rest of this download does not count
         output.Problem("gap", "the download has a gap; asking for a new one");
-    } else if (result == ND_LIB_ERR_SEQUENCE) {
+    } else if (result == Result::kSequence) {
         Refused("it is out of sequence", sender, length);
-    } else if (result != ND_LIB_OK) {
+    } else if (result != Result::kOk) {
         Refused(lastFailure.empty() ? "it is no valid message of the ND component" : lastFailure, sender,
                 length);
     }
@@ -187,11 +147,11 @@ void Client::Refused(const std::string &reason, uint32_t sender, uint32_t length
     }
 }
 
-void Client::OnRecord(uint16_t type, const uint8_t *value, uint16_t length) {
+void Client::OnRecord(ClientRef /*client*/, const pegeir::Record &received) {
     if (Finished()) {
         return; // the event loop is about to end
     }
-    const std::span<const uint8_t> bytes(value, length);
+    const auto [type, bytes] = received;
     const auto decoded = DecodeRecord(type, bytes);
     if (const auto *const record = std::get_if<Record>(&decoded)) {
         ++items;
@@ -199,19 +159,20 @@ void Client::OnRecord(uint16_t type, const uint8_t *value, uint16_t length) {
         output.ItemSeen(outcome.change, outcome.item, table.InterfaceName(outcome.item));
     } else if (const auto *const fault = std::get_if<Malformed>(&decoded)) {
         ++malformed;
-        output.Problem("malformed", "malformed data: " + fault->reason, {{"type", type}, {"bytes", length}});
+        output.Problem("malformed", "malformed data: " + fault->reason,
+                       {{"type", type}, {"bytes", bytes.size()}});
     } else {
         std::array<char, 8> hex = {};
         (void)std::snprintf(hex.data(), hex.size(), "0x%04x", static_cast<unsigned>(type));
         output.Problem("unknown", "data of unknown type " + std::string(hex.data()) + ": " + HexText(bytes),
-                       {{"type", type}, {"bytes", length}});
+                       {{"type", type}, {"bytes", bytes.size()}});
     }
 }
 
-void Client::OnLog(uint32_t level, const char *format, va_list arguments) {
-    const bool wanted = options.logLevel.has_value() && level <= *options.logLevel;
+void Client::OnLog(ClientRef /*client*/, LogLevel level, const char *format, va_list arguments) {
+    const bool wanted = options.logLevel.has_value() && static_cast<uint32_t>(level) <= *options.logLevel;
     // The first failure says why; later ones only that the same thing failed.
-    const bool telling = level == ND_LIB_LOG_FAILURE && lastFailure.empty();
+    const bool telling = level == LogLevel::kFailure && lastFailure.empty();
     if (!wanted && !telling) {
         return;
     }
@@ -236,7 +197,6 @@ std::string Client::Whereabouts() const {
 }
 
 void Client::OnPeer(bool available) {
-    const ND_LIB_CompState state = {0, available ? ND_LIB_COMP_AVAILABLE : ND_LIB_COMP_NOT_AVAILABLE};
     if (available) {
         Enter(Phase::kRegistering);
         output.State("available",
@@ -250,23 +210,18 @@ void Client::OnPeer(bool available) {
                      "component " + std::to_string(options.component) + " is gone; waiting for it to return");
     }
     collected = 0; // what was subscribed so far is dropped with the component
-    ND_LIB_NotifyNdCompState(instance, &state);
+    library.NotifyComponent(available);
 }
 
-bool Client::Subscribe(const Subscription &subscription) {
-    struct {
-        ND_LIB_ItemHead head;
-        std::array<uint8_t, 4> bytes;
-    } key = {};
-    key.head = {subscription.keyType, sizeof key.bytes};
-    for (size_t i = 0; i < key.bytes.size(); ++i) {
-        key.bytes.at(i) = static_cast<uint8_t>(subscription.key >> (24 - 8 * i));
+Result Client::Subscribe(const Subscription &subscription) {
+    std::array<uint8_t, 4> key = {};
+    for (size_t i = 0; i < key.size(); ++i) {
+        key.at(i) = static_cast<uint8_t>(subscription.key >> (24 - 8 * i));
     }
-    const ND_LIB_ItemHead data = {subscription.dataType, 0};
-    return ND_LIB_Subscribe(instance, &key.head, &data) == ND_LIB_OK;
+    return library.Subscribe({subscription.keyType, key}, {subscription.dataType});
 }
 
-uint32_t Client::OnPack() {
+Collected Client::OnCollect(ClientRef /*client*/, void * /*optionData*/) {
     const std::vector<Subscription> &wanted = options.subscriptions;
     if (!verifying && phase != Phase::kCollecting) {
         Enter(Phase::kCollecting);
@@ -275,15 +230,15 @@ uint32_t Client::OnPack() {
     }
     const size_t roundEnd = std::min(wanted.size(), collected + kSubscriptionsPerRound);
     while (collected < roundEnd) {
-        if (!Subscribe(wanted.at(collected))) {
+        if (Subscribe(wanted.at(collected)) != Result::kOk) {
             output.Problem("subscribe",
                            "the library could not store a subscription, out of memory?  Trying again");
-            return ND_LIB_PACK_MORE;
+            return Collected::kMore;
         }
         ++collected;
     }
     if (collected < wanted.size()) {
-        return ND_LIB_PACK_MORE;
+        return Collected::kMore;
     }
     collected = 0;
     Enter(Phase::kUploading);
@@ -293,43 +248,41 @@ uint32_t Client::OnPack() {
         table.BeginComparison();
         malformed = 0;
     }
-    return ND_LIB_PACK_DONE;
+    return Collected::kDone;
 }
 
-uint32_t Client::OnNotify(uint32_t code) {
-    switch (code) {
-    case ND_LIB_NOTIFY_SMOOTH_BEGIN:
-        output.State("downloading",
-                     phase == Phase::kDownloading ? "download begins again" : "download begins");
-        verifying = false; // a gap in the download of a pass leads to a full one
-        table.BeginComparison();
-        malformed = 0;
-        Enter(Phase::kDownloading);
-        return 0;
-    case ND_LIB_NOTIFY_SMOOTH_END:
-        if (table.Comparing()) {
-            FinishDownload("ready", "ready");
-            wasReady = true;
-        }
-        return 0;
-    case ND_LIB_NOTIFY_VERIFY_REQUEST:
-        verifying = true;
-        collected = 0;
-        output.State("verifying", "verification begins; uploading " +
-                                      Plural(options.subscriptions.size(), "subscription"));
-        return 0;
-    case ND_LIB_NOTIFY_VERIFY_END:
-        if (verifying) {
-            verifying = false;
-            FinishDownload("verified", "verification complete");
-            wasVerified = true;
-            if (!options.verify) {
-                (void)ND_LIB_StopVerify(instance);
-            }
-        }
-        return 0;
-    default:
-        return 0;
+void Client::OnDownloadBegin(ClientRef /*client*/) {
+    output.State("downloading", phase == Phase::kDownloading ? "download begins again" : "download begins");
+    verifying = false; // a gap in the download of a pass leads to a full one
+    table.BeginComparison();
+    malformed = 0;
+    Enter(Phase::kDownloading);
+}
+
+void Client::OnDownloadEnd(ClientRef /*client*/) {
+    if (table.Comparing()) {
+        FinishDownload("ready", "ready");
+        wasReady = true;
+    }
+}
+
+bool Client::OnVerifyRequest(ClientRef /*client*/) {
+    verifying = true;
+    collected = 0;
+    output.State("verifying",
+                 "verification begins; uploading " + Plural(options.subscriptions.size(), "subscription"));
+    return true;
+}
+
+void Client::OnVerifyEnd(ClientRef client) {
+    if (!verifying) {
+        return;
+    }
+    verifying = false;
+    FinishDownload("verified", "verification complete");
+    wasVerified = true;
+    if (!options.verify) {
+        (void)client.StopVerify();
     }
 }
 
@@ -355,7 +308,7 @@ void Client::FinishDownload(const char *state, const std::string &text) {
 void Client::RequestVerification() {
     if (verifying) {
         output.State("verify-requested", "a verification pass is under way already");
-    } else if (ND_LIB_StartVerify(instance) == ND_LIB_OK) {
+    } else if (library.StartVerify() == Result::kOk) {
         output.State("verify-requested", "a verification pass was asked for; it begins when it is due");
     }
 }
@@ -372,12 +325,12 @@ bool Client::Finished() const {
 // ---- Reports ----------------------------------------------------------------------------------------
 
 void Client::Diagnose() {
-    std::vector<char> page(kReportSize);
-    uint32_t result = ND_LIB_OK;
-    for (unsigned number = 1; result == ND_LIB_OK; ++number) {
-        uint32_t length = 0;
-        result = ND_LIB_GetDiagnoseInfo(instance, page.data(), kReportSize, &length, number == 1 ? 1 : 0);
-        output.Report(number, std::string(page.data(), std::min<size_t>(length, page.size())));
+    std::vector<char> buffer(kReportSize);
+    Result result = Result::kOk;
+    for (unsigned number = 1; result == Result::kOk; ++number) {
+        const Page page = library.Diagnose(buffer, number == 1);
+        result = page.result;
+        output.Report(number, std::string(page.text));
     }
 }
 
@@ -402,10 +355,8 @@ void Client::Tick() {
 // still wait for one.
 uint64_t Client::PendingKeys() {
     static constexpr std::string_view kLabel = "subscribeTree num";
-    std::array<char, 2048> page = {};
-    uint32_t length = 0;
-    (void)ND_LIB_GetDiagnoseInfo(instance, page.data(), page.size(), &length, 1);
-    const std::string_view text(page.data(), std::min<size_t>(length, page.size()));
+    std::array<char, 2048> buffer = {};
+    const std::string_view text = library.Diagnose(buffer, true).text;
     uint64_t pending = 0;
     const size_t label = text.find(kLabel);
     const size_t digits = label == std::string_view::npos ? label : text.find_first_of("0123456789", label);

@@ -14,7 +14,7 @@
 #include <cstdint>
 #include <string>
 
-#include <pegeir/pegeir.h>
+#include <pegeir/pegeir.hpp>
 
 #include "options.h"
 #include "output.h"
@@ -22,14 +22,12 @@
 
 namespace pegeir::watch {
 
-class Client {
+class Client final : private Consumer {
 public:
     // options and output must outlive the client.  There is one client at a time: the platform has one
     // runtime in a process.
     Client(const Options &userOptions, Output &userOutput);
     ~Client();
-    Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
 
     // Opens the runtime, creates the instance and watches for the component.  False with the reason in
     // error; the destructor cleans up either way.
@@ -54,19 +52,23 @@ public:
 private:
     enum class Phase : uint8_t { kAbsent, kRegistering, kCollecting, kUploading, kDownloading, kReady };
     using Clock = std::chrono::steady_clock;
-    struct Callbacks; // the C side of the members below
 
     void OnMessage(void *message);
     void OnPeer(bool available);
-    uint32_t OnPack();
-    uint32_t OnNotify(uint32_t code);
-    void OnRecord(uint16_t type, const uint8_t *value, uint16_t length);
-    void OnLog(uint32_t level, const char *format, va_list arguments) ND_LIB_PRINTF(3, 0);
+
+    Collected OnCollect(ClientRef client, void *optionData) override;
+    void OnRecord(ClientRef client, const pegeir::Record &received) override;
+    void OnDownloadBegin(ClientRef client) override;
+    void OnDownloadEnd(ClientRef client) override;
+    bool OnVerifyRequest(ClientRef client) override;
+    void OnVerifyEnd(ClientRef client) override;
+    void OnLog(ClientRef client, LogLevel level, const char *format, va_list arguments) override
+        ND_LIB_PRINTF(4, 0);
 
     void Enter(Phase next);
     void Refused(const std::string &reason, uint32_t sender, uint32_t length);
     void FinishDownload(const char *state, const std::string &text);
-    [[nodiscard]] bool Subscribe(const Subscription &subscription);
+    [[nodiscard]] Result Subscribe(const Subscription &subscription);
     [[nodiscard]] std::string Whereabouts() const;
     [[nodiscard]] std::string ProgressText();
     [[nodiscard]] uint64_t PendingKeys();
@@ -74,7 +76,7 @@ private:
     const Options &options;
     Output &output;
     Table table;
-    ND_LIB_Instance *instance = nullptr;
+    pegeir::Client library;
 
     Phase phase = Phase::kAbsent;
     Clock::time_point phaseStart = Clock::now();
