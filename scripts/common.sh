@@ -29,8 +29,8 @@ need() {
     fail "apt-get could not install: ${missing[*]}"
 }
 
-BUILD_PACKAGES=(g++ cmake ninja-build libmnl-dev libcli11-dev nlohmann-json3-dev)
-TEST_PACKAGES=(libgtest-dev iproute2 binutils python3)
+BUILD_PACKAGES=(g++ cmake ninja-build libmnl-dev libcli11-dev nlohmann-json3-dev libpcap0.8-dev)
+TEST_PACKAGES=(libgtest-dev iproute2 binutils python3 tshark)
 
 # build PRESET: configures and builds; what it prints is shown only when it fails, or on a terminal.
 build() {

@@ -73,7 +73,8 @@ private:
 
 int MakeTimer(uint32_t periodMs) {
     const int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
-    const timespec period = {periodMs / 1000, static_cast<long>(periodMs % 1000) * 1'000'000};
+    const timespec period = {static_cast<time_t>(periodMs / 1000),
+                             static_cast<long>(periodMs % 1000) * 1'000'000};
     const itimerspec setting = {period, period};
     if (fd >= 0 && timerfd_settime(fd, 0, &setting, nullptr) != 0) {
         close(fd);
@@ -181,6 +182,7 @@ bool Program::Start() {
         static_cast<Program *>(context)->OnMessage(message);
     };
     config.context = this;
+    PEGEIR_LinuxCapture(options_.capture.empty() ? nullptr : options_.capture.c_str());
     std::array<char, 512> error = {};
     if (PEGEIR_LinuxOpen(&config, error.data(), error.size()) != 0) {
         Say(Severity::kError, error.data());

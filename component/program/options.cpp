@@ -46,6 +46,10 @@ std::optional<int> ReadOptions(int argc, const char *const *argv, Options &optio
     app.add_option("--directory", options.directory,
                    std::string("Runtime directory (default: ") + PEGEIR_LinuxDirectory() + ")")
         ->type_name("DIR");
+    app.add_option("--capture", options.capture,
+                   "Record into this capture file (default: $PEGEIR_CAPTURE, if\n"
+                   "set); in the name %p is the process's number, %i its id")
+        ->type_name("FILE");
     app.add_flag("--kernel,!--no-kernel", options.kernel,
                  "Serve the kernel's interfaces and IPv6 neighbours (default), or not");
     CLI::Option *raConfig = app.add_option("--ra-config", options.raConfig,

@@ -17,6 +17,7 @@ enum { kExitStopped = 0, kExitNotStarted = 1, kExitUsage = 2, kExitFailed = 3 };
 struct Options {
     uint32_t id = 100;
     std::string directory; /* empty: the platform's own choice */
+    std::string capture;   /* empty: the platform's own choice, too */
     bool kernel = true;
     std::string raConfig; /* empty: none */
     uint32_t synthetic = 0;

@@ -1,6 +1,8 @@
 /*
  * The clocks: one that does not jump for durations, the wall clock for stamps.
  */
+#include "capture.h"
+
 #include <pegeir/platform.h>
 
 #include <ctime>
@@ -23,6 +25,8 @@ void Store(const tm &from, uint32_t millisecond, SysTime &to) {
 void KAL_SecondNow(uint32_t *seconds, uint32_t *second) {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
+    if (pegeir::linux_platform::Capturing())
+        pegeir::linux_platform::CaptureClock(now);
     *seconds = static_cast<uint32_t>(now.tv_sec);
     *second = static_cast<uint32_t>(now.tv_nsec);
 }

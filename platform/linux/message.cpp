@@ -1,8 +1,10 @@
 /*
  * Messages in memory: the envelope, then the data area that everybody handles them by.
  */
+#include "capture.h"
 #include "linux_platform.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <new>
@@ -55,6 +57,8 @@ uint32_t ZEP_SEND_MSG(uint32_t receiver, uint32_t, uint32_t, void *message, uint
     else
         result = runtime->peers.Send(receiver, envelope, message, length);
     const int reason = errno;
+    if (pegeir::linux_platform::Capturing())
+        pegeir::linux_platform::CaptureSend(receiver, message, std::min(length, envelope.length), result);
     pegeir::linux_platform::FreeMessage(message);
     errno = reason;
     return result;

@@ -5,6 +5,7 @@
  * looks at it several times a second; the end of a process is noticed at once through its process
  * descriptor.  Looking at names anew each time also works when the directory is removed and made again.
  */
+#include "capture.h"
 #include "linux_platform.h"
 
 #include <cerrno>
@@ -121,12 +122,17 @@ void Peers::Tell(uint32_t id, std::optional<Presence> presence) {
     peer.presence = presence;
     if (presence)
         WatchProcess(id, peer);
+    const auto tell = [&](bool available) {
+        if (Capturing())
+            CapturePeer(id, available);
+        onPeer(context, id, available ? 1 : 0);
+    };
     if (was)
-        onPeer(context, id, 0);
+        tell(false);
     /* That call may have closed the runtime or watched anew. */
     const auto found = peers_.find(id);
     if (presence && found != peers_.end() && found->second.presence == presence)
-        onPeer(context, id, 1);
+        tell(true);
 }
 
 /* Without a descriptor of the process, for whatever reason, the housekeeping notices its end. */

@@ -1,6 +1,7 @@
 /*
  * The one runtime of the process, and the operations of pegeir/linux.h.
  */
+#include "capture.h"
 #include "linux_platform.h"
 
 #include <cerrno>
@@ -59,6 +60,8 @@ void Runtime::Close() {
 }
 
 void Runtime::Deliver(uint8_t *message) {
+    if (Capturing())
+        CaptureDelivery(message);
     config.onMessage(config.context, message);
     FreeMessage(message);
 }
@@ -79,6 +82,7 @@ bool Runtime::Housekeep() {
 
 void Runtime::LookAround() {
     inbox.ReportRefusals();
+    ReportCapture();
     if (!identity.Intact())
         Recover();
     if (!closed)
@@ -141,6 +145,8 @@ int PEGEIR_LinuxOpen(const PEGEIR_LinuxConfig *config, char *error, size_t error
         if (runtime->Open(given != nullptr ? given : PEGEIR_LinuxDirectory(), text)) {
             g_stop = 0;
             g_runtime = std::move(runtime);
+            StartCapture(g_runtime->config.pid, g_runtime->directory);
+            ReportCapture();
             return 0;
         }
     }
@@ -155,6 +161,8 @@ void PEGEIR_LinuxClose(void) {
         return;
     runtime->Close();
     DeleteAllTimers();
+    StopCapture();
+    ReportCapture();
 }
 
 int PEGEIR_LinuxFd(void) {

@@ -6,6 +6,7 @@
  *
  * Handles and ids are never given twice, or an expiry under way could meet a new timer.
  */
+#include "capture.h"
 #include "linux_platform.h"
 
 #include <cstring>
@@ -54,6 +55,19 @@ void DeleteTimers(const std::function<bool(const Timer &)> &match) {
     });
 }
 
+/* As APPTMR_CreatePeriodTimer. */
+uint32_t CreateTimer(uint32_t instance, uint32_t periodMs, void *param) {
+    const auto runtime = CurrentRuntime();
+    if (!runtime || !g_service.instances.contains(instance) || periodMs == 0)
+        return 0;
+    Timer timer{instance, param, MakeTimer(std::chrono::milliseconds(periodMs))};
+    const uint32_t id = ++g_service.lastHandle;
+    if (!timer.fd.Valid() || !runtime->loop.Add(timer.fd.Get(), EPOLLIN, [id] { Expire(id); }))
+        return 0;
+    g_service.timers.emplace(id, std::move(timer));
+    return id;
+}
+
 /* Returns the timer if instance knows it, else the end. */
 auto FindTimer(uint32_t instance, uint32_t timerId) {
     const auto found = g_service.timers.find(timerId);
@@ -86,14 +100,9 @@ uint32_t APPTMR_CreateInstance(uint32_t lib, const uint32_t *) {
 }
 
 uint32_t APPTMR_CreatePeriodTimer(uint32_t instance, uint32_t periodMs, uint32_t, void *param, uint32_t) {
-    const auto runtime = CurrentRuntime();
-    if (!runtime || !g_service.instances.contains(instance) || periodMs == 0)
-        return 0;
-    Timer timer{instance, param, MakeTimer(std::chrono::milliseconds(periodMs))};
-    const uint32_t id = ++g_service.lastHandle;
-    if (!timer.fd.Valid() || !runtime->loop.Add(timer.fd.Get(), EPOLLIN, [id] { Expire(id); }))
-        return 0;
-    g_service.timers.emplace(id, std::move(timer));
+    const uint32_t id = CreateTimer(instance, periodMs, param);
+    if (Capturing())
+        CaptureTimer(PEGEIR_CAPTURE_TIMER_CREATE, id, periodMs, id == 0 ? 1 : 0);
     return id;
 }
 
@@ -104,7 +113,10 @@ void *APPTMR_GetTimerParam(uint32_t instance, uint32_t timerId) {
 
 uint32_t APPTMR_DeleteTimer(uint32_t instance, uint32_t timerId) {
     const auto timer = FindTimer(instance, timerId);
-    if (timer == g_service.timers.end())
+    const bool known = timer != g_service.timers.end();
+    if (Capturing())
+        CaptureTimer(PEGEIR_CAPTURE_TIMER_DELETE, timerId, 0, known ? 0 : 1);
+    if (!known)
         return 1;
     if (const auto runtime = CurrentRuntime())
         runtime->loop.Remove(timer->second.fd.Get());

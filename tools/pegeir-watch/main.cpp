@@ -39,6 +39,7 @@ int Watch(const Options &options) {
     Client client(options, output);
     Events events;
     std::string error;
+    PEGEIR_LinuxCapture(options.capture.empty() ? nullptr : options.capture.c_str());
     if (!client.Open(error)) {
         return Fail(error);
     }

@@ -172,6 +172,12 @@ void Declare(CLI::App &app, Options &options, RawOptions &raw) {
                    std::string("Runtime directory (default: ") + PEGEIR_LinuxDirectory() + ")")
         ->type_name("DIR");
 
+    app.add_option(
+           "--capture", options.capture,
+           "Record into this capture file (default:\n$PEGEIR_CAPTURE, if set); in the name %p is the\n"
+           "process's number, %i its id")
+        ->type_name("FILE");
+
     app.add_flag("--json", options.json, "Print JSON, one object a line");
     app.add_flag("--quiet", options.quiet, "Print no changes of state and no progress");
     app.add_flag("--changes-only", options.changesOnly, "Do not print items that are as before");

@@ -27,6 +27,7 @@ struct Options {
     uint32_t id = 0;
     uint32_t component = 100;
     std::string directory; // empty: the platform's own choice
+    std::string capture;   // empty: the platform's own choice, too
     std::vector<Subscription> subscriptions;
 
     bool json = false;

@@ -28,6 +28,7 @@ extern "C" {
  */
 typedef void (*PEGEIR_LinuxMessageFunc)(void *context, void *message);
 
+/* What a process is in the message service. */
 typedef struct PEGEIR_LinuxConfig {
     uint32_t pid;          /* the id of this process, not 0 */
     const char *directory; /* runtime directory, or null for the one of PEGEIR_LinuxDirectory */
@@ -51,6 +52,14 @@ PEGEIR_PLATFORM_API int PEGEIR_LinuxOpen(const PEGEIR_LinuxConfig *config, char 
 /* Closes the runtime, removes the socket, deletes all timers: release library instances before, or they
  * cannot find theirs.  May be called from any callback; harmless when it is not open. */
 PEGEIR_PLATFORM_API void PEGEIR_LinuxClose(void);
+
+/*
+ * Names the file that the next PEGEIR_LinuxOpen begins to record into, until PEGEIR_LinuxClose: what is sent
+ * and received, peers and timers.  "" is for none; null, as at the start, for $PEGEIR_CAPTURE.  In the name
+ * %p stands for the process's number, %i for its id.  A file that cannot be written, now or later, is
+ * reported (PEGEIR_LinuxOnReport) and has no other consequence.  docs/capture.md has the format.
+ */
+PEGEIR_PLATFORM_API void PEGEIR_LinuxCapture(const char *file);
 
 /* Returns a file descriptor that polls readable whenever PEGEIR_LinuxDispatch has something to do. */
 PEGEIR_PLATFORM_API int PEGEIR_LinuxFd(void);
