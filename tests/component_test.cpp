@@ -357,7 +357,7 @@ TEST(RadvdConfig, SaysWhatIsWrongAndWhere) {
         const char *message;
     } const cases[] = {
         {"\n# x\ninterfaces eth0 {};", 3, "expected 'interface', found 'interfaces'"},
-        {"interface a {};\ninterface a {};", 2, "a second time"},
+        {"interface a\x1B {};\ninterface a\x1B {};", 2, "a? is configured a second time"},
         {"interface a {\n AdvSendAdvert on\n};", 3, "expected ';' behind 'AdvSendAdvert' of line 2"},
         {"interface a { MaxRtrAdvInterval\n ten; };", 2, "whole number of seconds, found 'ten'"},
         {"interface a {\n MaxRtrAdvInterval 3;\n};", 2, "MaxRtrAdvInterval is 3, it must be from 4 to 1800"},

@@ -36,14 +36,14 @@ struct Token {
     [[nodiscard]] bool IsWord() const { return !text.empty() && !Is("{") && !Is("}") && !Is(";"); }
 
     /* For a message: whatever the file holds, a short and printable text. */
-    [[nodiscard]] std::string Quoted() const {
-        if (AtEnd()) {
-            return "the end of the file";
-        }
+    [[nodiscard]] std::string Shown() const {
         std::string shown(text.substr(0, kShownMax));
         std::replace_if(
             shown.begin(), shown.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-        return Text("'", shown, text.size() > kShownMax ? "...'" : "'");
+        return shown;
+    }
+    [[nodiscard]] std::string Quoted() const {
+        return AtEnd() ? "the end of the file" : Text("'", Shown(), text.size() > kShownMax ? "...'" : "'");
     }
 };
 
@@ -140,7 +140,7 @@ private:
             return;
         }
         if (config_.contains(std::string(name.text))) {
-            Fail(name.line, Text("interface ", name.text, " is configured a second time"));
+            Fail(name.line, Text("interface ", name.Shown(), " is configured a second time"));
             return;
         }
         if (!Expect("{", "behind the name of the interface")) {
@@ -152,14 +152,14 @@ private:
         for (; !token.Is("}"); token = scanner_.Next()) {
             if (token.AtEnd()) {
                 Fail(token.line,
-                     Text("interface ", name.text, " of line ", name.line, " is not closed with '}'"));
+                     Text("interface ", name.Shown(), " of line ", name.line, " is not closed with '}'"));
                 return;
             }
             if (!Statement(token, min, max)) {
                 return;
             }
         }
-        if (Expect(";", Text("behind the '}' of interface ", name.text))) {
+        if (Expect(";", Text("behind the '}' of interface ", name.Shown()))) {
             Store(name, min, max);
         }
     }
@@ -209,7 +209,7 @@ private:
                                                  first.line, ", found '}'"));
                 }
                 if (--depth == 0) {
-                    return Expect(";", Text("behind the '}' of ", first.text));
+                    return Expect(";", Text("behind the '}' of ", first.Shown()));
                 }
             } else if (token.Is(";") && depth == 0) {
                 return true;
