@@ -5,6 +5,8 @@ set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_C_STANDARD 99)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+include(CheckPIESupported)
+check_pie_supported() # without it CMake leaves it to the compiler whether programs are linked as such
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
@@ -31,6 +33,24 @@ if(PEGEIR_SANITIZE)
   target_compile_options(pegeir_compile INTERFACE -O1 -fsanitize=address,undefined -fno-sanitize-recover=all
                                                   -fno-omit-frame-pointer)
   target_link_options(pegeir_compile INTERFACE -fsanitize=address,undefined)
+endif()
+
+if(PEGEIR_TRAP_UNALIGNED)
+  # The processor carries out most of them, slowly, and emulation all.  So the program looks itself.
+  target_compile_options(pegeir_compile INTERFACE -fsanitize=alignment -fsanitize-undefined-trap-on-error)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+    # The address of a Thumb function is odd, which the check of a reference to one takes for unaligned.
+    target_compile_options(pegeir_compile INTERFACE -marm)
+  endif()
+endif()
+
+# Hardening.  A sanitizer looks closer, and its runtime and fortified functions get into each other's way.
+target_link_options(pegeir_compile INTERFACE LINKER:-z,relro,-z,now,-z,noexecstack,-z,text)
+if(NOT PEGEIR_SANITIZE)
+  target_compile_options(pegeir_compile INTERFACE -fstack-protector-strong)
+  if(NOT CMAKE_BUILD_TYPE STREQUAL Debug) # it needs an optimiser
+    target_compile_options(pegeir_compile INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  endif()
 endif()
 
 if(PEGEIR_COVERAGE)

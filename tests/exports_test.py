@@ -6,7 +6,7 @@ import re
 import subprocess
 import sys
 
-library, root = sys.argv[1:]
+nm, readelf, library, root = sys.argv[1:]
 
 
 def lines(*command):
@@ -25,18 +25,18 @@ def declared(marker, *patterns):
 
 
 def symbols(kind):
-    return {line.split()[-1].split("@")[0] for line in lines("nm", "-D", kind, library)}
+    return {line.split()[-1].split("@")[0] for line in lines(nm, "-D", kind, library)}
 
 
 LIBC = {"memcpy", "memmove", "memset", "memcmp", "strlen", "strcmp"}
 COMPILER = {"__cxa_finalize", "__gmon_start__", "_ITM_deregisterTMCloneTable", "_ITM_registerTMCloneTable",
-            "__stack_chk_fail"}
+            "__stack_chk_fail", "__stack_chk_guard"}
 
 interface = declared("ND_LIB_API", "include/pegeir/pegeir.h", "src/*/*.h")
 platform = declared("PEGEIR_PLATFORM_API", "platform/include/pegeir/platform.h")
 defined = symbols("--defined-only") - {"PEGEIR_1"}
 undefined = symbols("--undefined-only")
-needed = [line for line in lines("readelf", "-d", library) if "NEEDED" in line and "libc.so" not in line]
+needed = [line for line in lines(readelf, "-d", library) if "NEEDED" in line and not re.search(r"\[(libc\.so|ld-linux)", line)]
 
 problems = [f"declared, but not exported: {name}" for name in sorted(interface - defined)]
 problems += [f"exported, but not declared: {name}" for name in sorted(defined - interface)]

@@ -135,7 +135,7 @@ protected:
         const size_t size = control == SCM_RIGHTS ? sizeof raw : sizeof stranger;
         alignas(cmsghdr) char space[CMSG_SPACE(sizeof stranger)] = {};
         msghdr message{&to, sizeof to, &part, 1, space, control != 0 ? CMSG_SPACE(size) : 0, 0};
-        auto *head = reinterpret_cast<cmsghdr *>(space);
+        auto *head = static_cast<cmsghdr *>(static_cast<void *>(space));
         *head = {CMSG_LEN(size), SOL_SOCKET, control};
         std::memcpy(CMSG_DATA(head), control == SCM_RIGHTS ? static_cast<const void *>(&raw) : &stranger,
                     size);

@@ -292,7 +292,7 @@ TEST_F(AckRecord, NeverSettlesWhatWasNotSentSinceItsRequest) {
 TEST_F(AckRecord, IsRefusedWhenMalformed) {
     const Bytes whole = second.Record(); // no data bytes: as short as a record of this key can be
     for (uint32_t len = 0; len + 4 < whole.size(); ++len) {
-        Bytes cut(whole.begin(), whole.begin() + 4 + len); // exactly as long as it says
+        Bytes cut(whole.data(), whole.data() + 4 + len); // exactly as long as it says
         cut[3] = static_cast<uint8_t>(len);
         EXPECT_EQ(Parse(cut, stamp), ND_LIB_ERR_MSG) << len;
     }

@@ -14,6 +14,7 @@
 #include <pegeir/linux.h>
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
@@ -148,7 +149,7 @@ private:
 /* ---- Messages (message.cpp) ------------------------------------------------------------------ */
 
 /* What stands in front of the data area of each message. */
-struct alignas(16) Envelope {
+struct alignas(std::max_align_t) Envelope {
     uint32_t sender;
     uint32_t receiver;
     PacketHead head;

@@ -11,8 +11,6 @@
 
 namespace pegeir::linux_platform {
 
-static_assert(sizeof(Envelope) % 16 == 0, "the data area begins as aligned as the envelope does");
-
 uint8_t *NewMessage(uint32_t sender, uint32_t receiver, size_t length) {
     if (length > kMaxDataSize)
         return nullptr;

@@ -99,14 +99,4 @@ inline void RefreshClock(ND_LIB_Instance *instance) {
 
 } // namespace pegeir
 
-// Records that the wire format or the platform fixes, or that a 32-bit consumer passes.
-static_assert(sizeof(SysTime) == 12);
-static_assert(sizeof(ND_LIB_FsmRecord) == 3);
-static_assert(sizeof(ND_LIB_CompState) == 8);
-static_assert(sizeof(ND_LIB_TlvHead) == 4 && alignof(ND_LIB_TlvHead) == 1);
-static_assert(sizeof(ND_LIB_ItemHead) == 4);
-static_assert(offsetof(BlackBoxHead, usable) == 4 && offsetof(BlackBoxHead, line) == 24);
-static_assert(sizeof(void *) != 4 ||
-              (sizeof(ND_LIB_FrameRegister) == 32 && sizeof(ND_LIB_ConsumerRegister) == 16));
-
 #endif

@@ -11,7 +11,8 @@ namespace {
 
 // The record that a link lies in, at offset.
 ND_LIB_DataEntry *EntryOf(ND_LIB_ListNode *link, size_t offset) {
-    return reinterpret_cast<ND_LIB_DataEntry *>(reinterpret_cast<char *>(link) - offset);
+    void *record = reinterpret_cast<char *>(link) - offset;
+    return static_cast<ND_LIB_DataEntry *>(record);
 }
 
 // A tree node is the first field of its key entry.
