@@ -146,7 +146,7 @@ private:
         const uint32_t first = input.U8();
         const uint16_t dataType = static_cast<uint16_t>(1 + input.Below(2));
         const auto request = input.Flag() ? &Driver::Subscribe : &Driver::UnSubscribe;
-        for (uint32_t count = 4 * input.U8(); count > 0; --count) {
+        for (uint32_t count = input.U8(); count > 0; --count) {
             (void)((*d).*request)(tests::NumberedItem(first + count, dataType));
         }
     }
