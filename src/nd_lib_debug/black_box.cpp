@@ -23,8 +23,43 @@ constexpr uint32_t kSecondsPerHour = 3600;
 constexpr uint32_t kSecondsPerMinute = 60;
 constexpr uint32_t kSecondsPerDay = 86400;
 
+constexpr size_t kZoneSize = 16; // also for hours of seven digits, which a broken clock can make
+
 uint32_t SecondsIntoDay(const SysTime &time) {
     return kSecondsPerHour * time.hour + kSecondsPerMinute * time.minute + time.second;
+}
+
+// Seconds between local time and GMT.  The days are compared as numbers, so around the end of a month the
+// result is odd.
+uint32_t ZoneOffset(const SysTime &gmt, const SysTime &local) {
+    const uint32_t gmtSeconds = SecondsIntoDay(gmt);
+    const uint32_t localSeconds = SecondsIntoDay(local);
+    if (gmtSeconds < localSeconds) {
+        return local.day < gmt.day ? gmtSeconds + kSecondsPerDay - localSeconds : localSeconds - gmtSeconds;
+    }
+    return local.day > gmt.day ? localSeconds + kSecondsPerDay - gmtSeconds : gmtSeconds - localSeconds;
+}
+
+// Appends value in decimal.  A download traces a line a record, and through a format string the stamp took
+// longer than the text behind it.
+char *PutNumber(char *to, uint32_t value) {
+    constexpr uint32_t kBase = 10;
+    char digits[kBase]; // as many as the largest value has
+    char *digit = digits;
+    do {
+        *digit++ = static_cast<char>('0' + value % kBase);
+        value /= kBase;
+    } while (value != 0);
+    while (digit != digits) {
+        *to++ = *--digit;
+    }
+    return to;
+}
+
+char *PutField(char *to, uint32_t value, char separator) {
+    to = PutNumber(to, value);
+    *to = separator;
+    return to + 1;
 }
 
 // Formats the stamp of the present moment into line.  Returns its length, or a negative value.
@@ -38,13 +73,23 @@ int FormatStamp(ND_LIB_BlackBoxLine &line) {
     if (ZEP_Gmt2LocalTime(&gmt, &local, &flag) != 0) {
         local = gmt; // a line in GMT says more than one without a time
     }
-    ND_LIB_BlackBoxLine zone = {};
-    (void)ND_LIB_GetTimeZone(gmt, local, zone, sizeof(zone));
-    if (KAL_StrCmp(zone, "-00:00") == 0) {
-        zone[0] = '\0';
+    char *end = PutField(line, local.month, '-');
+    end = PutField(end, local.day, ' ');
+    end = PutField(end, local.hour, ':');
+    end = PutField(end, local.minute, ':');
+    end = PutField(end, local.second, ':');
+    end = PutNumber(end, local.millisecond);
+    if (ZoneOffset(gmt, local) != 0) {
+        char zone[kZoneSize];
+        (void)ND_LIB_GetTimeZone(gmt, local, zone, sizeof(zone));
+        if (KAL_StrCmp(zone, "-00:00") != 0) { // seconds are no zone
+            for (const char *next = zone; *next != '\0'; ++next) {
+                *end++ = *next;
+            }
+        }
     }
-    return snprintf_truncated_s(line, sizeof(line), "%u-%u %u:%u:%u:%u%s ", local.month, local.day,
-                                local.hour, local.minute, local.second, local.millisecond, zone);
+    *end++ = ' ';
+    return static_cast<int>(end - line);
 }
 
 // ---- Growing ----
@@ -214,15 +259,7 @@ void ND_LIB_ExpandBlackBox(ND_LIB_BlackBoxDesc *desc, ND_LIB_Instance *instance)
 
 uint32_t ND_LIB_GetTimeZone(SysTime gmt, SysTime local, char *text, uint32_t length) {
     text[0] = '\0';
-    const uint32_t gmtSeconds = SecondsIntoDay(gmt);
-    const uint32_t localSeconds = SecondsIntoDay(local);
-    // The days are compared as numbers, so around the end of a month the result is odd.
-    uint32_t offset = 0;
-    if (gmtSeconds < localSeconds) {
-        offset = local.day < gmt.day ? gmtSeconds + kSecondsPerDay - localSeconds : localSeconds - gmtSeconds;
-    } else {
-        offset = local.day > gmt.day ? localSeconds + kSecondsPerDay - gmtSeconds : gmtSeconds - localSeconds;
-    }
+    const uint32_t offset = ZoneOffset(gmt, local);
     const int hours = static_cast<int>(offset / kSecondsPerHour);
     const int minutes = static_cast<int>(offset % kSecondsPerHour / kSecondsPerMinute);
     return snprintf_truncated_s(text, length, "-%02d:%02d", hours, minutes) < 0 ? 1 : 0;

@@ -122,6 +122,12 @@ ND_LIB_API void ND_LIB_ClearDiagnosePosion(ND_LIB_Instance *instance);
 
 namespace pegeir::debug {
 
+// Whether ND_LIB_Printf cannot add to the position bytes of a page of bufferLen any more: one byte of a
+// page is its terminating zero, and one stays unused.
+constexpr bool IsFull(uint32_t position, uint32_t bufferLen) {
+    return bufferLen <= 2 || position >= bufferLen - 2;
+}
+
 // Makes the next read of each box begin at its oldest line.
 void RewindBoxes(ND_LIB_Instance *instance);
 

@@ -136,7 +136,9 @@ void ND_LIB_ShowConsumerInfo(ND_LIB_Instance *instance, char *buffer, uint32_t b
 
 void ND_LIB_ShowSubcribeInfo(ND_LIB_Instance *instance, char *buffer, uint32_t bufferLen,
                              uint32_t *position) {
-    for (ND_LIB_KeyEntry *entry = pegeir::store::FirstKey(instance); entry != nullptr;
+    // A full page ends the walk: there may be many more entries than any page can show.
+    for (ND_LIB_KeyEntry *entry = pegeir::store::FirstKey(instance);
+         entry != nullptr && !pegeir::debug::IsFull(*position, bufferLen);
          entry = pegeir::store::NextKey(instance, entry)) {
         ShowKeyEntry(entry, buffer, bufferLen, position);
     }

@@ -3,20 +3,6 @@
 #include "nd_lib/nd_lib.h"
 #include "nd_lib_debug/report.h"
 
-namespace {
-
-// The row of event in state, or null.
-const ND_LIB_FsmStateTrans *FindRow(uint32_t event, uint32_t state) {
-    for (uint32_t row = 0; row < ND_LIB_FSM_TRANS_NUM; ++row) {
-        if (ND_LIB_FsmStateCheck(event, state, row) != 0) {
-            return &g_ndLibFsmStateTrans[row];
-        }
-    }
-    return nullptr;
-}
-
-} // namespace
-
 uint32_t ND_LIB_FsmStateCheck(uint32_t event, uint32_t state, uint32_t row) {
     return row < ND_LIB_FSM_TRANS_NUM && g_ndLibFsmStateTrans[row].state == state &&
                    g_ndLibFsmStateTrans[row].event == event
@@ -27,7 +13,7 @@ uint32_t ND_LIB_FsmStateCheck(uint32_t event, uint32_t state, uint32_t row) {
 void ND_LIB_FsmStatusHandle(ND_LIB_Instance *instance, uint32_t event, void *message) {
     ND_LIB_ConsumerInfo &consumer = instance->consumer;
     const uint32_t oldState = consumer.compFsmState;
-    const ND_LIB_FsmStateTrans *row = FindRow(event, oldState);
+    const ND_LIB_FsmStateTrans *row = pegeir::fsm::RowOf(oldState, event);
     if (row == nullptr || row->handler == nullptr) {
         return;
     }

@@ -220,6 +220,9 @@ ND_LIB_API void ND_LIB_TimeoutBackupTimer(void *argument);
 
 namespace pegeir::fsm {
 
+// Returns the row of event in state, or null; in constant time, whatever the numbers are.
+const ND_LIB_FsmStateTrans *RowOf(uint32_t state, uint32_t event);
+
 // Steps that several handlers share; steps.cpp says why each is as it is.
 
 // Sends the control message of the current state unless it is held back by its pacing.  Returns false
