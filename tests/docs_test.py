@@ -16,7 +16,7 @@ import tempfile
 
 def names(root):
     root = pathlib.Path(root)
-    folders = "src include platform component tools tests scripts cmake".split()
+    folders = "src include platform component tools tests scripts cmake examples".split()
     sources = [path for folder in folders for path in (root / folder).rglob("*") if path.is_file()]
     known = set(re.findall(r"\w+", " ".join(path.read_text() for path in sources)))
     missing = []
