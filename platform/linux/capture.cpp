@@ -93,10 +93,12 @@ public:
     }
 
     [[nodiscard]] uint32_t Self() const { return self_; }
+    [[nodiscard]] bool Ours() const { return owner_ == getpid(); } /* and not a forked child's copy */
     [[nodiscard]] time_t Second() const { return second_; }
 
 private:
     uint32_t self_;
+    pid_t owner_ = getpid();
     std::string name_;
     CaptureFile file_;
     Bytes packet_;
@@ -165,7 +167,7 @@ void StartCapture(uint32_t self, const std::string &directory) {
 }
 
 void StopCapture() {
-    if (g_recording)
+    if (g_recording && g_recording->Ours())
         Write({.kind = PEGEIR_CAPTURE_END, .sender = g_recording->Self()});
     g_recording.reset();
 }
