@@ -345,18 +345,23 @@ TEST_F(Debug, StampsLinesWithLocalTimeAndItsDistance) {
         {{2024, 1, 31, 20, 0, 0, 0, 0}, 480, "2-1 4:0:0:0-16:00 "}, // is odd at the end of a month
     };
     std::string expected;
+    char zone[8];
     for (const auto &c : cases) {
         world.SetGmt(c.gmt);
         world.SetZone(c.minutesEast);
         Trace(1, 1);
         expected += c.stamp + Text(1) + "\n";
+        SysTime local{};
+        uint32_t flag = 1;
+        EXPECT_EQ(ZEP_Gmt2LocalTime(&c.gmt, &local, &flag), 0U);
+        EXPECT_EQ(ND_LIB_GetTimeZone(c.gmt, local, zone, sizeof(zone)), 0U);
+        EXPECT_EQ(c.stamp.find(zone) == std::string::npos, c.minutesEast == 0);
     }
     world.FailNext(Op::kGmtToLocal); // GMT is better than nothing
     Trace(1, 1);
     world.FailNext(Op::kGmtGet); // without any time there is no line
     Trace(2, 2);
     EXPECT_EQ(Stored(), expected + "1-31 20:0:0:0 " + Text(1) + "\n");
-    char zone[8];
     EXPECT_EQ(ND_LIB_GetTimeZone({}, {}, zone, 0), 1U);
 }
 

@@ -3,8 +3,26 @@
 #include "nd_lib_consumer/entries.h"
 #include "nd_lib_debug/report.h"
 #include "nd_lib_msg_send/nd_lib_msg_send.h"
+#include "tlv/wire.h"
 
 using pegeir::kStoreModule;
+
+namespace {
+
+// As KAL_MemCmp, which is left out where the first bytes, an interface's number mostly, tell the keys
+// apart: a search compares a key on every level.
+int CompareBytes(const uint8_t *left, const uint8_t *right, size_t count) {
+    if (count >= sizeof(uint32_t)) {
+        const uint32_t first = pegeir::wire::LoadU32(left);
+        const uint32_t second = pegeir::wire::LoadU32(right);
+        if (first != second) {
+            return first < second ? -1 : 1;
+        }
+    }
+    return KAL_MemCmp(left, right, count);
+}
+
+} // namespace
 
 uint32_t ND_LIB_Key_RB_KeyCmp(const ND_LIB_KeyEntry *nodeKey, const ND_LIB_KeyEntry *searchedKey) {
     if (searchedKey->keyType != nodeKey->keyType) {
@@ -13,7 +31,7 @@ uint32_t ND_LIB_Key_RB_KeyCmp(const ND_LIB_KeyEntry *nodeKey, const ND_LIB_KeyEn
     if (searchedKey->keyLen != nodeKey->keyLen) {
         return searchedKey->keyLen > nodeKey->keyLen ? ND_LIB_KEY_CMP_GREATER : ND_LIB_KEY_CMP_LESS;
     }
-    const int order = KAL_MemCmp(searchedKey->keyValue, nodeKey->keyValue, searchedKey->keyLen);
+    const int order = CompareBytes(searchedKey->keyValue, nodeKey->keyValue, searchedKey->keyLen);
     if (order == 0) {
         return ND_LIB_KEY_CMP_EQUAL;
     }

@@ -23,8 +23,6 @@ constexpr uint32_t kSecondsPerHour = 3600;
 constexpr uint32_t kSecondsPerMinute = 60;
 constexpr uint32_t kSecondsPerDay = 86400;
 
-constexpr size_t kZoneSize = 16; // also for hours of seven digits, which a broken clock can make
-
 uint32_t SecondsIntoDay(const SysTime &time) {
     return kSecondsPerHour * time.hour + kSecondsPerMinute * time.minute + time.second;
 }
@@ -62,6 +60,22 @@ char *PutField(char *to, uint32_t value, char separator) {
     return to + 1;
 }
 
+char *PutTwoDigits(char *to, uint32_t value) {
+    constexpr uint32_t kBase = 10;
+    if (value < kBase) {
+        *to++ = '0';
+    }
+    return PutNumber(to, value);
+}
+
+// Appends what ND_LIB_GetTimeZone answers.
+char *PutZone(char *to, uint32_t offset) {
+    *to++ = '-';
+    to = PutTwoDigits(to, offset / kSecondsPerHour);
+    *to++ = ':';
+    return PutTwoDigits(to, offset % kSecondsPerHour / kSecondsPerMinute);
+}
+
 // Formats the stamp of the present moment into line.  Returns its length, or a negative value.
 int FormatStamp(ND_LIB_BlackBoxLine &line) {
     SysTime gmt = {};
@@ -79,14 +93,11 @@ int FormatStamp(ND_LIB_BlackBoxLine &line) {
     end = PutField(end, local.minute, ':');
     end = PutField(end, local.second, ':');
     end = PutNumber(end, local.millisecond);
-    if (ZoneOffset(gmt, local) != 0) {
-        char zone[kZoneSize];
-        (void)ND_LIB_GetTimeZone(gmt, local, zone, sizeof(zone));
-        if (KAL_StrCmp(zone, "-00:00") != 0) { // seconds are no zone
-            for (const char *next = zone; *next != '\0'; ++next) {
-                *end++ = *next;
-            }
-        }
+    char *const zone = end;
+    end = PutZone(end, ZoneOffset(gmt, local));
+    *end = '\0';
+    if (KAL_StrCmp(zone, "-00:00") == 0) {
+        end = zone;
     }
     *end++ = ' ';
     return static_cast<int>(end - line);
