@@ -1,5 +1,6 @@
 // End to end: a second process sends data messages through the Linux platform to the library, beside raw
-// datagrams of the same sizes between two processes.  Time counts from the first message to the last.
+// datagrams of the same sizes between two processes, once with the lines that are promised for each record
+// and once bare.  Time counts from the first message to the last.
 
 #include <pegeir/linux.h>
 #include <pegeir/pegeir.h>
@@ -61,9 +62,19 @@ bool Send(const std::vector<uint8_t> &bytes) {
     return ZEP_SEND_MSG(kConsumer, 6, 932, message, size) == 0;
 }
 
+// Sends bytes as soon as there is room for them.
 void SendAll(const std::vector<uint8_t> &bytes) {
     while (!Send(bytes)) {
-        PEGEIR_LinuxDispatch(1); // the queue is full, or the consumer not there yet
+        static bool writable = false;
+        writable = false;
+        if (PEGEIR_LinuxWhenWritable(
+                kConsumer, [](void *, uint32_t) { writable = true; }, nullptr) != 0) {
+            PEGEIR_LinuxDispatch(1); // the consumer is not there yet
+            continue;
+        }
+        while (!writable) {
+            PEGEIR_LinuxDispatch(-1);
+        }
     }
 }
 
@@ -177,7 +188,19 @@ void Ours(benchmark::State &state) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-void Raw(benchmark::State &state) {
+// The two lines that are promised for each record, formatted with the C library.
+void FormatLines(size_t element) {
+    static char log[512];
+    static char line[256];
+    for (int64_t record = 0; record < RecordsAMessage(element); ++record) {
+        (void)snprintf(log, sizeof log, "[ND_LIB] NdPid=0X%X, ParseUpdateData tlvType:%u, tlvLen:%u",
+                       kComponent, 1U, static_cast<unsigned>(element - 4));
+        (void)snprintf(line, sizeof line, "%u-%u %u:%u:%u:%u%s ParseUpdateData tlvType:%u, tlvLen:%u\n", 1U,
+                       1U, 2U, 3U, 4U, 567U, "-01:00", 1U, static_cast<unsigned>(element - 4));
+    }
+}
+
+void Raw(benchmark::State &state, bool formats) {
     const auto element = static_cast<size_t>(state.range(1));
     const int64_t messages = state.range(0) / RecordsAMessage(element);
     for (auto _ : state) {
@@ -199,6 +222,9 @@ void Raw(benchmark::State &state) {
         g_begin = std::chrono::steady_clock::now();
         for (int64_t message = 1; message < messages; ++message) {
             (void)!recv(ends[0], buffer, sizeof buffer, 0);
+            if (formats) {
+                FormatLines(element);
+            }
         }
         state.SetIterationTime(Seconds());
         waitpid(child, nullptr, 0);
@@ -216,7 +242,9 @@ void Sizes(benchmark::internal::Benchmark *benchmark) {
 }
 
 BENCHMARK(Ours)->Name("sockets/ours")->Apply(Sizes);
-BENCHMARK(Raw)->Name("sockets/peer")->Apply(Sizes);
+BENCHMARK_CAPTURE(Raw, traced, true)->Name("sockets/peer")->Apply(Sizes);
+BENCHMARK(Ours)->Name("sockets_bare/ours")->Apply(Sizes);
+BENCHMARK_CAPTURE(Raw, bare, false)->Name("sockets_bare/peer")->Apply(Sizes);
 
 } // namespace
 
