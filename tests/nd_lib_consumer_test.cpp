@@ -310,6 +310,19 @@ TEST_F(Batch, FailedAllocationsAreRecorded) {
     EXPECT_EQ(d.nd->statisticCnt[ND_LIB_STAT_SEND_SEQUENCE_ERROR], 0U);
 }
 
+TEST_F(Batch, EachControlRequestIsCounted) {
+    using Case = std::tuple<uint32_t (*)(ND_LIB_Instance *), uint8_t, uint32_t>;
+    for (const auto &[send, type, statistic] :
+         {Case{ND_LIB_SendRegisterMsg, 16, 0}, Case{ND_LIB_SendSubscribeBeginMsg, 17, 2},
+          Case{ND_LIB_SubscribeEndMsg, 19, 6}, Case{ND_LIB_SendSeqErrorMsg, 29, 13},
+          Case{ND_LIB_VerifySendSubBeginMsg, 21, 20}, Case{ND_LIB_VerifySendSubEndMsg, 22, 22}}) {
+        const uint32_t before = d.nd->statisticCnt[statistic];
+        EXPECT_EQ(send(d.nd), ND_LIB_OK);
+        EXPECT_TRUE(d.SentOne(type).body.empty());
+        EXPECT_EQ(d.nd->statisticCnt[statistic] - before, 1U) << int{type};
+    }
+}
+
 // ---- Everything that can fail, failing once ----
 
 // A session that uses every service, played to the end by a component that answers everything.

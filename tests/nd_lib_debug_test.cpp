@@ -161,6 +161,10 @@ TEST_F(Debug, ShowsTheInstanceAndItsRequests) {
 }
 
 TEST_F(Debug, ShowsHistoryAndStatistics) {
+    char outside = '#';
+    uint32_t position = 0;
+    ND_LIB_Printf(&position, &outside, 0, "there is no room");
+    EXPECT_EQ(outside, '#');
     Page(4096);
     for (uint8_t i = 0; i < 25; ++i) { // a full history starts anew
         ND_LIB_AddFsmRecord(d.nd, i, static_cast<uint8_t>(i - 20), i < 24 ? i : uint8_t{7});

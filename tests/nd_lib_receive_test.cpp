@@ -173,6 +173,10 @@ TEST_F(Receive, WhatIsNoWholeNdpiMessage) {
         EXPECT_EQ(log.size(), logged);
         EXPECT_TRUE(counted.empty());
     }
+    const sim::Message cut(world, {.bytes = Bytes(15, 0)});
+    EXPECT_EQ(ND_LIB_SendAckMsg(cut.Data(), d.nd), ND_LIB_ERR);
+    Look();
+    EXPECT_EQ(box, Lines{"LIB_SendAckMsg msg smaller than ndpi header len:15"});
 }
 
 TEST_F(Receive, AHeaderThatPromisesLessThanItselfWalksNothing) {
@@ -273,6 +277,8 @@ TEST_F(AckRecord, SettlesExactlyWhatItNames) {
     EXPECT_EQ(Parse(record, stamp), ND_LIB_OK);
     EXPECT_EQ(waiting, 1U);
     EXPECT_EQ(Parse(second.Record(), stamp), ND_LIB_OK);
+    d.Subscribe({1, {9}, 1, {}}); // a key as short as can be
+    d.AckNext(NDPI_MSG_SUBSCRIBE_DATA);
     EXPECT_EQ(d.nd->consumer.subscribeTree.count, 0U);
     EXPECT_EQ(BrokenInvariant(d.nd), "");
 }

@@ -152,6 +152,17 @@ TEST_F(Lifecycle, CopesWithoutAConsumer) {
     EXPECT_EQ(bare.nd->consumer.subscribeTree.root, nullptr);
 }
 
+TEST_F(Lifecycle, ARequestThatCannotBeCopiedIsReported) {
+    for (ND_LIB_BlackBoxDesc &box : d.nd->blackBox) {
+        box.curSize = box.maxSize; // so that no memory goes into the growth of boxes
+    }
+    for (uint32_t failing = 1; failing <= 4; ++failing) { // the request, its data, its key, the key's bytes
+        world.Fail({.op = sim::Op::kMalloc, .from = world.Calls(sim::Op::kMalloc) + failing, .count = 1});
+        EXPECT_EQ(d.UnSubscribe({1, {2}, 3, {4}}), ND_LIB_ERR_SUBSCRIBE);
+        EXPECT_EQ(d.TakeLog().back(), (LogLine{0, "ND_LIB_GetDataNode failed"}));
+    }
+}
+
 TEST_F(Lifecycle, RepeatedNotificationsAreOnlyReported) {
     const Log known = {{3, "ND_LIB_NotifyNdCompState ndCompState :1, newState:1"}};
     d.Down();
@@ -233,6 +244,10 @@ TEST_F(Lifecycle, TimersThatCannotBeStartedOrStopped) {
         uint32_t id = unknown;
         EXPECT_EQ((Numbers{ND_LIB_StopTmr(d.nd, &id), id}), (Numbers{ND_LIB_OK, unknown}));
     }
+    uint32_t none = 0;
+    ND_LIB_DeInitTmr(d.nd);
+    EXPECT_EQ(d.nd->tmrCtx, nullptr);
+    EXPECT_EQ((Numbers{ND_LIB_StopTmr(d.nd, &none), ND_LIB_InitTmr(d.nd)}), Numbers(2, ND_LIB_OK));
     d.Up();
     const uint32_t timer = d.nd->consumer.backupTimer;
     world.FailNext(sim::Op::kTimerDelete);

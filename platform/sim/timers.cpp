@@ -130,8 +130,11 @@ uint32_t APPTMR_DeleteTimer(uint32_t instance, uint32_t timerId) {
     return 0;
 }
 
-uint32_t APPTMR_LibRcvMsg(uint32_t lib, void *message, uint32_t, void *arg) {
+uint32_t APPTMR_LibRcvMsg(uint32_t lib, void *message, uint32_t zero, void *arg) {
     State &state = Here();
+    if (zero != 0) {
+        Violation(state, "APPTMR_LibRcvMsg with a third argument other than 0");
+    }
     const LiveMessage *live = FindMessage(state, message, "APPTMR_LibRcvMsg");
     uint32_t timerId = 0;
     if (live == nullptr || live->envelope.iid != kTimerIid || live->size != sizeof timerId ||
