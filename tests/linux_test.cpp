@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <poll.h>
 #include <sstream>
 #include <string>
@@ -326,9 +327,10 @@ TEST_F(Linux, EmbedsThroughItsDescriptorAndClosesFromACallback) {
 Lines Packets(const std::string &path) {
     char error[PCAP_ERRBUF_SIZE] = "";
     Lines lines;
-    pcap_t *const file = pcap_open_offline(path.c_str(), error);
+    const std::unique_ptr<pcap_t, decltype(&pcap_close)> file(pcap_open_offline(path.c_str(), error),
+                                                              pcap_close);
     pcap_pkthdr head{};
-    while (const u_char *const bytes = file != nullptr ? pcap_next(file, &head) : nullptr) {
+    while (const u_char *const bytes = file != nullptr ? pcap_next(file.get(), &head) : nullptr) {
         const auto word = [bytes](size_t at) {
             return bytes[at] << 24 | bytes[at + 1] << 16 | bytes[at + 2] << 8 | bytes[at + 3];
         };
