@@ -1,0 +1,145 @@
+// The library as a subject.
+
+#include <algorithm>
+#include <optional>
+
+#include "model/model.h"
+
+namespace pegeir::tests::model {
+namespace {
+
+class Library final : public Subject {
+public:
+    Library() {
+        world.SetLink([this](sim::World &, const sim::Record &record) {
+            const bool enveloped = std::tuple(record.intf, record.subIntf, record.arg1, record.arg2,
+                                              record.cid) == std::tuple(3U, 164U, 6U, 932U, record.receiver);
+            Complain(enveloped ? "" : "a message without its envelope");
+            Tell('s', record.receiver, record.bytes);
+        });
+        Renew();
+    }
+
+    void Apply(const Call &call) override {
+        const uint64_t ms = call.a * 1000ULL;
+        switch (call.what) {
+        case Do::kRegister: return Tell('=', d->Register());
+        case Do::kSubscribe: return Tell('=', d->Subscribe(ItemOf(call)));
+        case Do::kUnSubscribe: return Tell('=', d->UnSubscribe(ItemOf(call)));
+        case Do::kOptionData:
+            optionLength = call.a;
+            return Tell('=', ND_LIB_AddOptionData(d->nd, Join({call.bytes, {0}}).data(), call.a));
+        case Do::kComponent: return d->Notify(call.a);
+        case Do::kVerify: return Tell('=', (call.a == 1 ? ND_LIB_StartVerify : ND_LIB_StopVerify)(d->nd));
+        case Do::kCycle: return Tell('=', ND_LIB_SetVerifyCycle(d->nd, static_cast<uint16_t>(call.a)));
+        case Do::kConsumer: consumer = call; return;
+        case Do::kTick: world.Advance(call.b == 1 ? ms : 0); return world.Run(call.b == 1 ? 0 : ms);
+        case Do::kClock: return world.SetSeconds(world.Seconds() + call.a);
+        case Do::kNumber: d->nd->transNumber = 0 - call.a; return;
+        case Do::kFail: return Fail(call);
+        case Do::kRenew: return Renew();
+        default: return Tell('=', d->ReceiveBytes(call.bytes, call.a, call.b));
+        }
+    }
+
+    const View &Look() override {
+        const ND_LIB_Instance &nd = *d->nd;
+        ND_LIB_ConsumerInfo &info = d->nd->consumer;
+        // clang-format off
+        view.numbers = {
+            info.compFsmState, info.nextSendCtrlMsgTime, info.ctrlMsgSendCnt, nd.transNumber, info.sequenceNum,
+            nd.ndCompState, nd.isNeedVerify, nd.verifyCycle, nd.nextVerifyTime, nd.secNow, info.maxKeyLength,
+            info.maxValueLength, info.sendSubNum, info.sendUnSubNum, nd.flowCtrlState, nd.flowCtlStartTime,
+            nd.flowCtlEndTime, nd.flowCnt, info.fsmRecordNum, info.backupTimer != 0, info.optionData != nullptr};
+        // clang-format on
+        view.statistics.assign(std::begin(nd.statisticCnt), std::end(nd.statisticCnt));
+        view.history.clear();
+        for (const auto &[from, to, event] : info.fsmRecord) {
+            view.history.push_back({from, to, event});
+        }
+        view.store.clear();
+        for (ND_LIB_KeyEntry *key = store::FirstKey(d->nd); key != nullptr;
+             key = store::NextKey(d->nd, key)) {
+            for (ND_LIB_ListNode *link : Links(key->dataListHead)) {
+                const ND_LIB_DataEntry &entry = *store::OfDataLink(link);
+                view.store[Id(entry)] = {Bytes(entry.dataValue, entry.dataValue + entry.dataLen),
+                                         entry.subscribeState, entry.sendCnt, entry.sendTransNumber,
+                                         entry.nextSendTime};
+            }
+        }
+        view.lists = {};
+        for (size_t i = 0; ND_LIB_List * list : {&info.subscribingList, &info.unsubscribingList,
+                                                 &info.waitSubAckList, &info.subscribeTmpList}) {
+            for (ND_LIB_ListNode *link : Links(*list)) {
+                view.lists.at(i).push_back(Id(*store::OfWorkLink(link)));
+            }
+            ++i;
+        }
+        Complain(BrokenInvariant(d->nd));
+        return view;
+    }
+
+private:
+    void Complain(const std::string &text) {
+        if (!text.empty()) {
+            Tell('!', 0, Bytes(text.begin(), text.end()));
+        }
+    }
+
+    // Makes a new instance, after the old one has left nothing behind.
+    void Renew() {
+        world.LiftAll();
+        d.reset();
+        Complain(world.Leaks());
+        Complain(world.Violations().empty() ? "" : world.Violations()[0]);
+        d.emplace(world, false);
+        d->onPack = [this] {
+            const auto *data = static_cast<const uint8_t *>(d->optionDataSeen.back());
+            return Collect(data == nullptr ? Bytes{'-'} : Bytes(data, data + optionLength));
+        };
+        d->onEvent = [this](uint32_t code) { return Hear('e', code); };
+        d->onRecord = [this](const Delivered &record) { Hear('r', record.type, record.value); };
+        for (uint32_t line = 0; line < 22; ++line) { // until the trace boxes take no more memory
+            ND_LIB_BlackBox(d->nd, line % 2, "line %u", line);
+        }
+    }
+
+    void Fail(const Call &call) {
+        constexpr std::array kOps = {sim::Op::kMalloc, sim::Op::kMsgAlloc, sim::Op::kSend,
+                                     sim::Op::kTimerCreate, sim::Op::kTimerDelete};
+        const sim::Op op = kOps.at(call.a);
+        world.LiftAll();
+        world.Fail({.op = op, .from = world.Calls(op) + 1 + call.b, .count = call.c + 1});
+    }
+
+    static Item ItemOf(const Call &call) {
+        const size_t end = call.id.size() - 2;
+        return {static_cast<uint16_t>(Read(call.id, 0, 2)), Cut(call.id, 4, end - 4),
+                static_cast<uint16_t>(Read(call.id, end, 2)), call.bytes};
+    }
+
+    static Bytes Id(const ND_LIB_DataEntry &entry) {
+        const ND_LIB_KeyEntry &key = *entry.keyEntry;
+        return Join({Tlv(key.keyType, Bytes(key.keyValue, key.keyValue + key.keyLen)), U16(entry.dataType)});
+    }
+
+    static std::vector<ND_LIB_ListNode *> Links(ND_LIB_List &list) {
+        std::vector<ND_LIB_ListNode *> links;
+        for (ND_LIB_ListNode *link = list::First(&list); link != nullptr; link = list::Next(&list, link)) {
+            links.push_back(link);
+        }
+        return links;
+    }
+
+    sim::World world;
+    std::optional<Driver> d;
+    size_t optionLength = 0;
+};
+
+} // namespace
+
+std::unique_ptr<Subject> MakeLibrary() {
+    return std::make_unique<Library>();
+}
+
+} // namespace pegeir::tests::model
