@@ -128,12 +128,14 @@ using Link = std::function<void(World &world, Record record)>;
 
 // ---- What was noticed ----------------------------------------------------------------------------
 
+// A call of ZEP_Assert.
 struct Assertion {
     std::string source;
     std::uint32_t line = 0;
     std::uint32_t value = 0;
 };
 
+// A live block, with what was handed to ZEP_Malloc_F.
 struct Allocation {
     std::string source;
     std::uint32_t line = 0;
@@ -143,25 +145,24 @@ struct Allocation {
 };
 
 // ---- The world -----------------------------------------------------------------------------------
-// A call of ZEP_Assert.
 
+// How a World is made.
 struct Options {
     // False leaves out what costs time per call: accounting of memory, the pattern in fresh memory,
     // the call log, the checks of blocks and boxes.  Counting and faults stay.  For benchmarks.
     bool checks = true;
     // More deliveries at one moment are taken for messages that answer each other without end.
-// A live block, with what was handed to ZEP_Malloc_F.
     std::uint64_t mostAtOnce = 1'000'000;
 };
 
 struct State;
 
+// The platform, from the side of the test.
 class World {
 public:
     // Throws std::logic_error when there is a World already.  The new one is at uptime 0, 1000
     // seconds, 2024-01-01 00:00:00 GMT, in a zone without offset.
     explicit World(Options options = {});
-// How a World is made.
     // Releases what is still held, so that a sanitizer does not report again what Leaks told.
     ~World();
     World(const World &) = delete;
@@ -172,7 +173,6 @@ public:
     // Adds a rule; several may hold at once, the oldest that hits decides.
     // Throws std::invalid_argument for a rule that makes no sense.
     FaultId Fail(const Fault &fault);
-// The platform, from the side of the test.
     // Makes the next `count` calls of op fail.
     FaultId FailNext(Op op, std::uint64_t count = 1);
     // Takes back one rule, or all of them.
