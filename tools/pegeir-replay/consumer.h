@@ -26,17 +26,17 @@ public:
 
     // The steps are asked for in order: the requests to be made before one, then, if the library asks, the
     // answers within.
-    [[nodiscard]] std::vector<Request> Before(size_t step);
+    [[nodiscard]] std::vector<Request> Before(size_t index);
 
     // Whether a verification pass begins with the step, so that one has to be allowed before.
-    [[nodiscard]] bool BeginsPass(size_t step) const { return begins.at(step); }
+    [[nodiscard]] bool BeginsPass(size_t index) const { return begins.at(index); }
 
     struct Answer {
         uint32_t code = 0; // ND_LIB_PACK_*, or another value
         std::vector<Request> requests;
     };
     // The subscriptions asked for in the step.
-    [[nodiscard]] Answer Pack(size_t step);
+    [[nodiscard]] Answer Pack(size_t index);
 
 private:
     using Item = std::tuple<uint16_t, Bytes, uint16_t>; // key type, key, data type

@@ -135,23 +135,32 @@ int Replay(const Options &options) {
     return equal && problems.empty() ? kExitEqual : kExitDifferent;
 }
 
-} // namespace
-} // namespace pegeir::replay
-
-int main(int argc, char **argv) {
-    pegeir::replay::Options options;
+int Run(int argc, char **argv) {
+    Options options;
     CLI::App app(
         "Plays the recording of a consumer into the library, on a clock of its own, and compares what the\n"
         "library sends with what it sent then.",
         "pegeir-replay");
-    pegeir::replay::Declare(app, options);
+    Declare(app, options);
     try {
         app.parse(argc, argv);
-        return pegeir::replay::Replay(options);
+        return Replay(options);
     } catch (const CLI::Success &request) {
         return app.exit(request);
     } catch (const CLI::ParseError &error) {
         std::cerr << "pegeir-replay: " << error.what() << "\nTry \"pegeir-replay --help\".\n";
+        return kExitUsage;
+    }
+}
+
+} // namespace
+} // namespace pegeir::replay
+
+int main(int argc, char **argv) {
+    try {
+        return pegeir::replay::Run(argc, argv);
+    } catch (const std::exception &error) { // memory is short
+        (void)std::fprintf(stderr, "pegeir-replay: %s\n", error.what());
         return pegeir::replay::kExitUsage;
     }
 }

@@ -17,7 +17,7 @@ using Json = nlohmann::ordered_json;
 using watch::HexText;
 
 // More of them are no help to anybody.
-constexpr size_t kMostFields = 20;
+constexpr size_t kMostFields = 8;
 constexpr size_t kMostRequests = 10;
 
 void Print(const Json &object) {
