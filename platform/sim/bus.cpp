@@ -84,6 +84,15 @@ void World::Post(Record record, std::uint64_t delayMs) {
     Enqueue(*state, std::move(record), false, state->uptimeMs + delayMs);
 }
 
+void World::Send(Record record) {
+    if (!state->link) {
+        Post(std::move(record));
+        return;
+    }
+    const Link link = state->link; // which may replace itself
+    link(*this, std::move(record));
+}
+
 namespace {
 
 // Moves what is due for nobody out of the queue, into the list it is looked for in.
@@ -192,11 +201,8 @@ uint32_t ZEP_SEND_MSG(uint32_t receiver, uint32_t arg1, uint32_t arg2, void *mes
         record.arg2 = arg2;
     }
     ReleaseMessage(state, message);
-    if (result == 0 && state.link) {
-        const Link link = state.link; // which may replace itself
-        link(*state.world, std::move(record));
-    } else if (result == 0) {
-        state.world->Post(std::move(record));
+    if (result == 0) {
+        state.world->Send(std::move(record));
     }
     return result;
 }

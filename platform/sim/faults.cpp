@@ -12,12 +12,6 @@ constexpr std::array<std::string_view, kOps> kNames = {
     "TimerCreate", "TimerDelete", "CreateBlackBox", "WriteBlackBox",  "ReadBlackBox",
     "GmtGet",      "GmtToLocal"};
 
-// std::uniform_real_distribution may differ between standard libraries; seeds must not.
-bool Chance(Rule &rule) {
-    constexpr double kRange = 0x1p-53;
-    return static_cast<double>(rule.random() >> 11) * kRange < rule.fault.probability;
-}
-
 bool Hits(const State &state, Rule &rule, Op op) {
     const Fault &fault = rule.fault;
     if (rule.lifted || (fault.op && *fault.op != op)) {
@@ -33,10 +27,16 @@ bool Hits(const State &state, Rule &rule, Op op) {
     if (rule.firstFailureMs != kForever && state.uptimeMs - rule.firstFailureMs >= fault.lastingMs) {
         return false;
     }
-    return fault.probability >= 1.0 || Chance(rule);
+    return fault.probability >= 1.0 || Chance(rule.random, fault.probability);
 }
 
 } // namespace
+
+// std::uniform_real_distribution may differ between standard libraries; seeds must not.
+bool Chance(std::mt19937_64 &random, double probability) {
+    constexpr double kRange = 0x1p-53;
+    return static_cast<double>(random() >> 11) * kRange < probability;
+}
 
 std::string_view Name(Op op) {
     return kNames.at(static_cast<std::size_t>(op));

@@ -1,7 +1,8 @@
 // What a World is made of, for the files that implement it; users see pegeir/sim.hpp alone.
 //
 // Each file owns one concern: faults.cpp decides whether a call fails, memory.cpp accounts for blocks
-// and boxes, bus.cpp for messages and their way, clock.cpp and timers.cpp are about time.
+// and boxes, bus.cpp for messages and their way, link.cpp makes that way a bad one, clock.cpp and
+// timers.cpp are about time.
 // They meet in State, which has no invariants beyond those of its parts.
 #ifndef PEGEIR_SIM_STATE_HPP
 #define PEGEIR_SIM_STATE_HPP
@@ -117,6 +118,9 @@ State &Here();
 
 // Counts a call of op and tells whether and how it fails.
 std::optional<Failure> CountCall(State &state, Op op);
+
+// Draws once; true with this probability.
+bool Chance(std::mt19937_64 &random, double probability);
 
 void Violation(State &state, std::string text);
 std::string At(const Place &place);

@@ -126,6 +126,21 @@ class World;
 // changes or delays messages is a function that calls World::Post as often and as late as it likes.
 using Link = std::function<void(World &world, Record record)>;
 
+// What a bad link does to messages: the probability of each fault, for each message.
+struct LinkFaults {
+    double drop = 0;
+    double duplicate = 0; // arrives twice; what follows may befall either copy
+    double delay = 0;     // by 1 to mostDelayMs
+    double reorder = 0;   // arrives behind everything else of its moment
+    double truncate = 0;  // to any shorter length, 0 included
+    double flip = 0;      // one to three bytes get another value
+    std::uint64_t mostDelayMs = 1500;
+    std::uint64_t seed = 1; // the same seed mistreats the same messages in the same way
+};
+
+// Returns a link with these faults.  Copies of it go on together, as one link.
+[[nodiscard]] Link BadLink(const LinkFaults &faults);
+
 // ---- What was noticed ----------------------------------------------------------------------------
 
 // A call of ZEP_Assert.
@@ -215,6 +230,9 @@ public:
     // Puts a message on its way to record.receiver, where it arrives after delayMs and behind what is
     // due by then.
     void Post(Record record, std::uint64_t delayMs = 0);
+    // Puts a message on its way as an accepted send does: over the link, if there is one.  So a process
+    // that the test plays is on the same link as those that call the platform.
+    void Send(Record record);
     // Puts a link in the way of all sends; an empty one takes it away.
     void SetLink(Link link);
 
