@@ -398,5 +398,31 @@ TEST_F(Session, ServesCallbacksThatMakeRequests) {
     EXPECT_EQ(d.nd->consumer.subscribingList.count, 1U);
 }
 
+// What would pull the instance out from under the call that runs a callback is asserted and does nothing.
+TEST(Callbacks, AreNoPlaceToEndOrFeedAnInstance) {
+    sim::World world;
+    Driver d(world);
+    uint32_t runs = 0;
+    const auto misuse = [&] {
+        ++runs;
+        d.Down();
+        EXPECT_EQ(d.Register(), ND_LIB_ERR_PARAM);
+        EXPECT_EQ(d.Receive({.type = NDPI_MSG_SMOOTH_BEGIN}), ND_LIB_ERR);
+        ND_LIB_Deinit(d.nd);
+        return 0U;
+    };
+    d.onLog = [&](const LogLine &) { misuse(); };
+    d.onPack = [&] { return misuse() + ND_LIB_PACK_DONE; };
+    d.onEvent = [&](uint32_t) { return misuse(); };
+    d.onRecord = [&](const Delivered &) { misuse(); };
+    d.Subscribe(NumberedItem(1));
+    d.ToState(ND_LIB_FSM_WAIT_SMOOTH);
+    d.Download(1, {Tlv(1, {1})});
+    EXPECT_EQ(d.State(), ND_LIB_FSM_READY);
+    EXPECT_EQ(d.records.size(), 1U);
+    EXPECT_GT(runs, 20U);
+    EXPECT_EQ(world.Assertions().size(), 4 * runs);
+}
+
 } // namespace
 } // namespace pegeir::tests

@@ -30,7 +30,9 @@
  *  - From inside a callback the consumer may call ND_LIB_Subscribe, ND_LIB_UnSubscribe,
  *    ND_LIB_AddOptionData, ND_LIB_StartVerify, ND_LIB_StopVerify, ND_LIB_SetVerifyCycle,
  *    ND_LIB_GetAppLocal and ND_LIB_GetDiagnoseInfo, on the instance it was handed.  It must not call
- *    ND_LIB_MsgProcess, ND_LIB_NotifyNdCompState, ND_LIB_RegisterConsumer or ND_LIB_Deinit there.
+ *    ND_LIB_MsgProcess, ND_LIB_NotifyNdCompState, ND_LIB_RegisterConsumer or ND_LIB_Deinit there: these
+ *    would pull the instance out from under the call that runs the callback.  Each is asserted then and
+ *    does nothing; it returns ND_LIB_ERR, or ND_LIB_ERR_PARAM where it registers.
  *    Requests report through the log function themselves, so a log function that makes one must guard
  *    against being entered again.
  *  - With several instances in one process, hand a timer message to each, and an ndpi message only to the

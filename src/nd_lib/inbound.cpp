@@ -13,6 +13,10 @@ uint32_t ND_LIB_MsgProcess(ND_LIB_Instance *instance, void *message) {
         AssertFailed(kInstanceModule);
         return ND_LIB_ERR;
     }
+    if (pegeir::IsRefusedInside(instance)) {
+        return ND_LIB_ERR;
+    }
+    const pegeir::Entered entered(instance);
     pegeir::RefreshClock(instance);
     if (DMS_MsgRecvIidGet(message) == ND_LIB_TIMER_IID) {
         (void)ND_LIB_AppTmrProc(message, instance); // a failure there is the timer service's own
@@ -26,6 +30,10 @@ void ND_LIB_NotifyNdCompState(ND_LIB_Instance *instance, const ND_LIB_CompState 
         AssertFailed(kInstanceModule);
         return;
     }
+    if (pegeir::IsRefusedInside(instance)) {
+        return;
+    }
+    const pegeir::Entered entered(instance);
     const uint32_t newState = state->newState;
     pegeir::RefreshClock(instance);
     PEGEIR_EVENT(instance, "ND_LIB_NotifyNdCompState ndCompState :%u, newState:%u", instance->ndCompState,

@@ -57,6 +57,9 @@ uint32_t ND_LIB_RegisterConsumer(ND_LIB_Instance *instance, const ND_LIB_Consume
     if (instance == nullptr || ND_LIB_ConsumerRegisterIsValid(consumer) == 0) {
         return ND_LIB_ERR_PARAM;
     }
+    if (pegeir::IsRefusedInside(instance)) {
+        return ND_LIB_ERR_PARAM;
+    }
     ND_LIB_DeleteAllKeyEntry(instance);
     pegeir::ReleaseOptionData(instance);
     instance->consumer.funcTable = consumer->funcTable;
@@ -68,7 +71,7 @@ uint32_t ND_LIB_RegisterConsumer(ND_LIB_Instance *instance, const ND_LIB_Consume
 }
 
 void ND_LIB_Deinit(ND_LIB_Instance *instance) {
-    if (instance == nullptr) {
+    if (instance == nullptr || pegeir::IsRefusedInside(instance)) {
         return;
     }
     ND_LIB_StopBackupTimer(instance); // needs the timer service, which goes next

@@ -50,6 +50,7 @@ struct ND_LIB_Instance {
     uint32_t msgMaxLen; // bytes of the largest message built
     uint16_t verifyCycle;
     uint8_t isNeedVerify;
+    uint8_t entered;    // calls under way that may run the consumer's code
     uint32_t secNow;    // time of the last message, notification or expiry; requests do not refresh it
     uint32_t secNowAux; // the clock's second output, not read
     ND_LIB_ConsumerInfo consumer;
@@ -95,6 +96,27 @@ void ReleaseOptionData(ND_LIB_Instance *instance);
 // Refreshes the time that the instance goes by.
 inline void RefreshClock(ND_LIB_Instance *instance) {
     KAL_SecondNow(&instance->secNow, &instance->secNowAux);
+}
+
+// Notes, for the length of a call, that the consumer's code may be running inside of it.
+class Entered {
+public:
+    explicit Entered(ND_LIB_Instance *instance) : m_count(instance->entered) { ++m_count; }
+    ~Entered() { --m_count; }
+    Entered(const Entered &) = delete;
+    Entered &operator=(const Entered &) = delete;
+
+private:
+    uint8_t &m_count;
+};
+
+// Asserts and returns true inside a callback, for the calls that would pull the instance out from under
+// the one that runs it.
+inline bool IsRefusedInside(const ND_LIB_Instance *instance, uint32_t line = __builtin_LINE()) {
+    if (instance->entered != 0) {
+        AssertFailed(kInstanceModule, line);
+    }
+    return instance->entered != 0;
 }
 
 } // namespace pegeir

@@ -92,6 +92,7 @@ uint32_t ND_LIB_Subscribe(ND_LIB_Instance *instance, const ND_LIB_ItemHead *keyH
     if (!RequestIsAllowed(instance, keyHead, dataHead)) {
         return ND_LIB_ERR;
     }
+    const pegeir::Entered entered(instance);
     PEGEIR_EVENT(instance, "ND_LIB_Subscribe start");
     ND_LIB_DataNode *node = ND_LIB_GetDataNode(instance, keyHead, dataHead);
     if (node == nullptr) {
@@ -116,6 +117,7 @@ uint32_t ND_LIB_UnSubscribe(ND_LIB_Instance *instance, const ND_LIB_ItemHead *ke
     if (!RequestIsAllowed(instance, keyHead, dataHead)) {
         return ND_LIB_ERR;
     }
+    const pegeir::Entered entered(instance);
     PEGEIR_EVENT(instance, "ND_LIB_UnSubscribe start");
     ND_LIB_DataNode *node = ND_LIB_GetDataNode(instance, keyHead, dataHead);
     if (node == nullptr) {

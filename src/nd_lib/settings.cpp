@@ -33,6 +33,7 @@ uint32_t ND_LIB_AddOptionData(ND_LIB_Instance *instance, const void *data, uint3
     if (instance == nullptr || data == nullptr) {
         return ND_LIB_ERR;
     }
+    const pegeir::Entered entered(instance);
     pegeir::ReleaseOptionData(instance);
     auto *copy = static_cast<uint8_t *>(pegeir::ZeroAlloc(kInstanceModule, instance->memHandle, length));
     if (copy == nullptr) {
