@@ -2,11 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <set>
 #include <sstream>
+#include <utility>
 
 namespace pegeir::tests {
 
@@ -54,6 +55,10 @@ Bytes Item::Record() const {
     return Tlv(18, Join({Tlv(keyType, key), Tlv(dataType, data)}));
 }
 
+Bytes Item::Identity() const {
+    return Join({Tlv(keyType, key), U16(dataType)});
+}
+
 Item NumberedItem(uint32_t number, uint16_t dataType) {
     return {1000, U32(number), dataType, {}};
 }
@@ -69,6 +74,7 @@ Driver::Driver(sim::World &aWorld, bool registerConsumer) : world(aWorld) {
     const ND_LIB_FrameRegister frame = {kNd, kApp, 0x11, 0x22, appLocal, Log, 0, 0};
     nd = ND_LIB_Init(&frame);
     if (nd == nullptr) {
+        Drivers().erase(appLocal);
         return;
     }
     const auto feed = [this](void *message) { (void)ND_LIB_MsgProcess(nd, message); };
@@ -258,10 +264,10 @@ uint32_t Driver::Log(ND_LIB_Instance *instance, uint32_t level, const char *form
     va_start(arguments, format);
     (void)vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
-    const std::string prefix = "[ND_LIB] NdPid=0X64, ";
-    EXPECT_EQ(std::string(text).substr(0, prefix.size()), prefix);
+    constexpr std::string_view prefix = "[ND_LIB] NdPid=0X64, ";
+    EXPECT_EQ(std::string_view(text).substr(0, prefix.size()), prefix);
     Driver &driver = Of(instance);
-    driver.log.push_back({level, std::string(text).substr(prefix.size())});
+    driver.log.push_back({level, text + prefix.size()});
     driver.onLog(driver.log.back());
     return 0;
 }
@@ -290,7 +296,7 @@ std::string BrokenInvariant(ND_LIB_Instance *instance) {
     if (consumer.subscribeTree.root == nullptr) {
         return "";
     }
-    std::set<const ND_LIB_ListNode *> onList;
+    std::vector<const ND_LIB_ListNode *> onList;
     const auto walk = [&](ND_LIB_List *list) {
         uint32_t count = 0;
         for (ND_LIB_ListNode *link = list::First(list); link != nullptr; link = list::Next(list, link)) {
@@ -298,7 +304,7 @@ std::string BrokenInvariant(ND_LIB_Instance *instance) {
                 ++count > list->count) {
                 return false;
             }
-            onList.insert(link);
+            onList.push_back(link);
         }
         return count == list->count;
     };
@@ -308,7 +314,8 @@ std::string BrokenInvariant(ND_LIB_Instance *instance) {
             return "a work list is broken";
         }
     }
-    const size_t waiting = onList.size();
+    auto waiting = std::exchange(onList, {});
+    std::sort(waiting.begin(), waiting.end());
     size_t found = 0;
     uint32_t keys = 0;
     for (ND_LIB_KeyEntry *key = store::FirstKey(instance); key != nullptr;
@@ -320,14 +327,15 @@ std::string BrokenInvariant(ND_LIB_Instance *instance) {
         for (ND_LIB_ListNode *link = list::First(&key->dataListHead); link != nullptr;
              link = list::Next(&key->dataListHead, link)) {
             const ND_LIB_DataEntry *entry = store::OfDataLink(link);
-            found += onList.count(&entry->workListNode);
+            const bool waits = std::binary_search(waiting.begin(), waiting.end(), &entry->workListNode);
+            found += waits ? 1 : 0;
             if (entry->keyEntry != key || (entry->dataLen == 0) != (entry->dataValue == nullptr) ||
-                (entry->workListNode.list == nullptr) != (onList.count(&entry->workListNode) == 0)) {
+                (entry->workListNode.list != nullptr) != waits) {
                 return "a data entry is inconsistent";
             }
         }
     }
-    const bool whole = keys == consumer.subscribeTree.count && found == waiting;
+    const bool whole = keys == consumer.subscribeTree.count && found == waiting.size();
     return whole ? "" : "the tree's count is wrong, or a work list holds a foreign entry";
 }
 

@@ -1,0 +1,221 @@
+// Lossy links: the component and an instance over a link that mistreats messages of both directions, with
+// a component that starts over now and then, a consumer that changes its mind and clocks that err; then
+// the link is clean, and all must be well again.
+//
+// What is promised.  A link that drops, doubles, delays, reorders and cuts messages can make nothing go
+// wrong for good: once it is clean both sides agree by themselves.  A link that changes bytes can: no
+// message carries a checksum, so a changed one may be a valid other one, which neither side can tell from
+// a true one.  It can put an item into the component that nobody wants, or have the instance wait for a
+// download that the component does not know of.  All that is repaired when the component starts over,
+// which is therefore done once for such seeds before the comparison; the figures tell how many had
+// settled without.
+//
+// A failure prints the command that repeats its run.  PEGEIR_LONG=1 runs 1000 seeds in place of 50.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "support/play.hpp"
+
+namespace pegeir::tests {
+namespace {
+
+constexpr uint32_t kShards = 5;
+
+class LossyLink : public testing::TestWithParam<uint32_t> {};
+
+void Meddle(Play &play, bool clockJumps) {
+    const uint32_t number = 1 + play.Random(2 * play.options.items);
+    switch (play.Random(clockJumps ? 16 : 14)) {
+    case 0:
+    case 1:
+        play.Want(number);
+        break;
+    case 2:
+    case 3:
+        play.GiveUp(number);
+        break;
+    case 4:
+        play.component.Update({static_cast<uint8_t>(number)});
+        break;
+    case 5:
+        if (play.Random(3) == 0) {
+            play.StartOver(play.Random(4));
+        }
+        break;
+    case 6:
+        play.agrees = play.Random(4) != 0;
+        (void)ND_LIB_StartVerify(play.d->nd);
+        break;
+    case 7:
+        play.ReadPage(20 + play.Random(500));
+        break;
+    case 8:
+        play.component.leaveGap = true;
+        break;
+    case 14:
+        play.world.SetSeconds(play.world.Seconds() + play.Random(3 * 3600));
+        break;
+    case 15:
+        play.world.SetSeconds(play.world.Seconds() - play.Random(3 * 3600));
+        break;
+    default:
+        break;
+    }
+}
+
+TEST_P(LossyLink, SettlesOnceItIsClean) {
+    const bool isLong = FromEnvironment("PEGEIR_LONG") != 0;
+    const uint32_t only = FromEnvironment("PEGEIR_SEED");
+    const auto begin = std::chrono::steady_clock::now();
+    uint32_t runs = 0;
+    uint32_t changed = 0;     // seeds whose link changes bytes
+    uint32_t unaided = 0;     // those of them that settled without help
+    uint32_t slowest[2] = {}; // to settle, in seconds: with a clock that goes on, and with one that jumps
+    uint32_t slowestSeed[2] = {};
+    for (uint32_t seed = 1 + GetParam(); seed <= (isLong ? 1000 : 50); seed += kShards) {
+        if (only != 0 && seed != only) {
+            continue;
+        }
+        const bool flips = seed % 2 == 0;
+        const bool wraps = seed % 3 == 0;
+        const bool clockJumps = seed % 7 == 0 && !wraps;
+        const uint32_t first = wraps ? 0U - 64 : 1000000;
+        Play play({.items = 10 + seed % 50,
+                   .keyLen = 4 + seed * 37 % 300,
+                   .hostile = seed % 5 == 0,
+                   .seed = seed,
+                   .firstNumber = first,
+                   .firstSecond = first});
+        const auto some = [&play] { return play.Random(31) / 100.0; };
+        play.world.SetLink(sim::BadLink({.drop = some(),
+                                         .duplicate = some(),
+                                         .delay = some(),
+                                         .reorder = some(),
+                                         .truncate = some(),
+                                         .flip = flips ? some() : 0,
+                                         .seed = seed}));
+        for (uint32_t second = 0; second < 100; ++second) {
+            play.Second();
+            Meddle(play, clockJumps);
+        }
+        play.world.SetLink({});
+        const uint32_t limit = clockJumps ? 100000 : 400;
+        if (flips) {
+            ++changed;
+            unaided += play.Settle(100).empty() ? 1U : 0U;
+            play.slowest = 0;
+            play.StartOver(1);
+        }
+        EXPECT_EQ(play.Finish(limit), "") << "seed " << seed << "; to repeat it: PEGEIR_SEED=" << seed
+                                          << " PEGEIR_LONG=1 lossy_test --gtest_filter=*Settles*";
+        EXPECT_EQ(play.remedies, 0U);
+        ++runs;
+        if (play.slowest > slowest[clockJumps]) {
+            slowest[clockJumps] = play.slowest;
+            slowestSeed[clockJumps] = seed;
+        }
+    }
+    std::printf("figures: seeds=%u changed=%u unaided=%u slowest_seed=%u slowest_s=%u "
+                "slowest_seed_with_clock_jumps=%u slowest_with_clock_jumps_s=%u ms=%u\n",
+                runs, changed, unaided, slowestSeed[0], slowest[0], slowestSeed[1], slowest[1],
+                MillisecondsSince(begin));
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, LossyLink, testing::Range(0U, kShards));
+
+TEST(BadLink, DoesWhatItIsToldTo) {
+    const struct {
+        sim::LinkFaults faults;
+        std::vector<size_t> lengths; // of what has arrived of messages of 8 and 9 bytes, after 0 and 2 ms
+        std::vector<size_t> later;
+    } rows[] = {
+        {{}, {8, 9}, {}},
+        {{.drop = 1}, {}, {}},
+        {{.duplicate = 1}, {8, 8, 9, 9}, {}},
+        {{.delay = 1, .mostDelayMs = 2}, {}, {8, 9}},
+        {{.reorder = 1}, {}, {8, 9}},
+        {{.flip = 1}, {8, 9}, {}},
+    };
+    for (const auto &row : rows) {
+        sim::World world;
+        world.SetLink(sim::BadLink(row.faults));
+        for (const size_t length : {8U, 9U}) {
+            world.Send({.bytes = Bytes(length)});
+        }
+        for (const auto &expected : {row.lengths, row.later}) {
+            std::vector<size_t> lengths;
+            for (const sim::Record &record : world.TakeSent()) {
+                lengths.push_back(record.bytes.size());
+                EXPECT_EQ(record.bytes != Bytes(lengths.back()), row.faults.flip > 0);
+            }
+            std::sort(lengths.begin(), lengths.end());
+            EXPECT_EQ(lengths, expected);
+            world.Advance(2);
+        }
+    }
+    sim::World world;
+    world.SetLink(sim::BadLink({.truncate = 1}));
+    world.Send({.bytes = Bytes(8)});
+    EXPECT_LT(world.TakeSent().at(0).bytes.size(), 8U);
+}
+
+// The whole story once for each message in it, with the component starting over just before it arrives.
+TEST(ComponentRestart, SettlesFromEveryMessage) {
+    uint32_t runs = 0;
+    for (uint32_t boundary = 1, last = 1; boundary <= last; ++boundary, ++runs) {
+        Play play({.keyLen = 1000, .hostile = boundary % 2 == 0});
+        play.startOverAt = boundary;
+        play.Story();
+        EXPECT_EQ(play.Finish(200), "") << "before message " << boundary;
+        last = std::max(last, play.boundaries - 10); // those of the last registration are no news
+    }
+    std::printf("figures: boundaries=%u\n", runs);
+    EXPECT_GT(runs, 50U);
+}
+
+// Acknowledgements that never come, until the counts of sends have long stopped growing.
+TEST(DeadLink, IsTriedAgainWithinTwoMinutesHoweverLongItWasDead) {
+    for (const uint8_t type : Bytes{NDPI_MSG_REGISTER, NDPI_MSG_SUBSCRIBE_DATA, NDPI_MSG_SEQUENCE_ERROR}) {
+        Play play({.keyLen = 8, .firstNumber = 0U - 100, .firstSecond = 0U - 100});
+        play.component.leaveGap = true;
+        play.world.SetLink([type](sim::World &world, sim::Record record) {
+            if (record.receiver != Driver::kApp || record.bytes[3] != type) {
+                world.Post(std::move(record));
+            }
+        });
+        for (uint32_t second = 0; second < 30000; ++second) {
+            play.Second();
+        }
+        const uint32_t sent = play.d->nd->transNumber + 100;
+        EXPECT_TRUE(sent > 250 && sent < 320) << sent; // sends at 2, 6, 12 ... seconds, then every 120
+        play.world.SetLink({});
+        EXPECT_EQ(play.Finish(140), "") << "type " << int{type};
+    }
+}
+
+TEST(Verification, ComesAsOftenAsItIsAskedForAndAgreedTo) {
+    for (const uint16_t cycle : {uint16_t{ND_LIB_VERIFY_CYCLE_MIN}, uint16_t{ND_LIB_VERIFY_CYCLE_MAX}}) {
+        Play play({.keyLen = 8});
+        EXPECT_EQ(play.Settle(100), "");
+        EXPECT_EQ(ND_LIB_SetVerifyCycle(play.d->nd, cycle), ND_LIB_OK);
+        EXPECT_EQ(play.Verify(100), "");
+        (void)ND_LIB_StartVerify(play.d->nd);
+        const uint32_t due = play.d->nd->nextVerifyTime;
+        EXPECT_TRUE(due > play.world.Seconds() + cycle - 10 && due <= play.world.Seconds() + cycle) << due;
+        play.agrees = false;
+        play.d->events.clear();
+        while (play.world.Seconds() < due + 999) { // asked every ten seconds, for as long as it takes
+            EXPECT_EQ(play.d->events.empty(), play.world.Seconds() < due);
+            play.Second();
+        }
+        EXPECT_EQ(play.d->events, std::vector<uint32_t>(100, ND_LIB_NOTIFY_VERIFY_REQUEST));
+        play.agrees = true;
+        EXPECT_EQ(play.Finish(100), "");
+    }
+}
+
+} // namespace
+} // namespace pegeir::tests
