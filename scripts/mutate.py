@@ -367,6 +367,9 @@ def main():
             else:
                 survivors.append(fault)
                 print(f"survived: {fault}", flush=True)
+            tried = len(survivors) + sum(caught.values())
+            if catcher is not None and tried % 50 == 0:
+                print(f"{tried} tried, {tried - len(survivors)} caught", flush=True)
         for _, result in waiting:
             result.cancel()
 

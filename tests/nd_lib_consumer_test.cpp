@@ -143,6 +143,8 @@ TEST_F(Store, OrdersKeysByTypeThenLengthThenBytes) {
     KAL_RBT_Tree never = {};
     EXPECT_EQ(ND_LIB_RBT_AddNode(&never, &twin.rbNode, &twin, ND_LIB_Key_RB_KeyCmp), 1U);
     EXPECT_EQ(ND_LIB_RBT_AddNode(nullptr, &twin.rbNode, &twin, ND_LIB_Key_RB_KeyCmp), 1U);
+    EXPECT_EQ(ND_LIB_RBT_AddNode(tree, &twin.rbNode, nullptr, ND_LIB_Key_RB_KeyCmp), 1U);
+    EXPECT_EQ(ND_LIB_RBT_AddNode(tree, &twin.rbNode, &twin, nullptr), 1U);
     EXPECT_EQ(ND_LIB_RBT_LookupNode(tree, &twin, nullptr), nullptr);
     EXPECT_EQ(ND_LIB_SearchOrCreateKeyEntry(nullptr, d.nd), nullptr);
     EXPECT_EQ(ND_LIB_SerchOrCreateDataEntry(nullptr, d.nd), nullptr);
@@ -240,7 +242,8 @@ TEST_F(Batch, FillsMessagesToTheLastRecordForBothKinds) {
 }
 
 TEST_F(Batch, MessagesAreClosedByTheLargestRecordEverStored) {
-    d.Subscribe({1, Bytes(3000, 1), 1, Bytes(980, 1)});
+    d.Subscribe({1, Bytes(3000, 1), 1, {}});
+    d.Subscribe({1, Bytes(3000, 1), 1, Bytes(980, 1)}); // in its place
     d.Subscribe(NumberedItem(1)); // 3992 used, and a record as long as the first just fits
     d.Subscribe(NumberedItem(2)); // but not behind this one
     d.Run(1);
@@ -317,8 +320,11 @@ TEST_F(Batch, EachControlRequestIsCounted) {
           Case{ND_LIB_SubscribeEndMsg, 19, 6}, Case{ND_LIB_SendSeqErrorMsg, 29, 13},
           Case{ND_LIB_VerifySendSubBeginMsg, 21, 20}, Case{ND_LIB_VerifySendSubEndMsg, 22, 22}}) {
         const uint32_t before = d.nd->statisticCnt[statistic];
+        d.nd->transNumber = 0x12345677;
         EXPECT_EQ(send(d.nd), ND_LIB_OK);
-        EXPECT_TRUE(d.SentOne(type).body.empty());
+        const Ndpi sent = d.SentOne(type);
+        EXPECT_EQ(sent.trans, 0x12345678U);
+        EXPECT_TRUE(sent.body.empty());
         EXPECT_EQ(d.nd->statisticCnt[statistic] - before, 1U) << int{type};
     }
 }

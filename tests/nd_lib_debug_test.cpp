@@ -367,6 +367,8 @@ TEST_F(Debug, StampsLinesWithLocalTimeAndItsDistance) {
     Trace(2, 2);
     EXPECT_EQ(Stored(), expected + "1-31 20:0:0:0 " + Text(1) + "\n");
     EXPECT_EQ(ND_LIB_GetTimeZone({}, {}, zone, 0), 1U);
+    EXPECT_EQ(ND_LIB_GetTimeZone({}, {0, 0, 0, 0, 59, 59, 0, 0}, zone, sizeof(zone)), 0U);
+    EXPECT_STREQ(zone, "-00:59");
 }
 
 TEST_F(Debug, CutsLongLinesAndDropsThoseWithoutABox) {

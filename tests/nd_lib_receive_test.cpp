@@ -177,6 +177,11 @@ TEST_F(Receive, WhatIsNoWholeNdpiMessage) {
     EXPECT_EQ(ND_LIB_SendAckMsg(cut.Data(), d.nd), ND_LIB_ERR);
     Look();
     EXPECT_EQ(box, Lines{"LIB_SendAckMsg msg smaller than ndpi header len:15"});
+    const sim::Message half(world, {.bytes = Saying(18, begin)}); // as if its rest were zeros
+    EXPECT_EQ(ND_LIB_SendAckMsg(half.Data(), d.nd), ND_LIB_OK);
+    EXPECT_EQ(d.SentOne(NDPI_MSG_SMOOTH_BEGIN).body, Bytes(2, 0));
+    world.FailNext(sim::Op::kSend);
+    EXPECT_EQ(ND_LIB_SendAckMsg(half.Data(), d.nd), ND_LIB_ERR);
 }
 
 TEST_F(Receive, AHeaderThatPromisesLessThanItselfWalksNothing) {
@@ -285,6 +290,7 @@ TEST_F(AckRecord, SettlesExactlyWhatItNames) {
 
 TEST_F(AckRecord, NeverSettlesWhatWasNotSentSinceItsRequest) {
     d.Subscribe(first);
+    EXPECT_EQ(store::OfWorkLink(list::First(&d.nd->consumer.subscribingList))->sendTransNumber, 0U);
     for (const uint32_t trans : {stamp, 0U}) {
         EXPECT_EQ(Parse(first.Record(), trans), ND_LIB_OK);
     }

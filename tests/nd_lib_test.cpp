@@ -29,6 +29,7 @@ TEST(Instance, TheFirstSixWordsOfTheFrameAreNeeded) {
         EXPECT_EQ(ND_LIB_Init(&frame), nullptr);
     }
     EXPECT_EQ(world.Assertions()[0].source, "nd_lib");
+    EXPECT_EQ(world.Assertions()[0].value, 0U);
     EXPECT_EQ(world.Calls(), 0U);
 
     world.FailNext(sim::Op::kMalloc);
