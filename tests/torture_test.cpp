@@ -76,7 +76,7 @@ TEST_P(Torture, EveryCallFails) {
     uint32_t runs = 0;
     uint32_t slowest = 0;
     for (uint64_t call = 1; call <= calls.size(); ++call) {
-        const sim::Op op = calls[call - 1];
+        const sim::Op op = calls[static_cast<size_t>(call - 1)];
         const uint64_t number = ++numbers[static_cast<size_t>(op)];
         if (only != 0 ? call != only : call % stride != 0 || call / stride % kShards != shard) {
             continue;
