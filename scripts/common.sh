@@ -30,7 +30,7 @@ need() {
 }
 
 BUILD_PACKAGES=(g++ cmake ninja-build libmnl-dev libcli11-dev nlohmann-json3-dev libpcap0.8-dev)
-TEST_PACKAGES=(libgtest-dev iproute2 binutils python3 tshark)
+TEST_PACKAGES=(libgtest-dev iproute2 binutils python3 tshark abigail-tools)
 
 # build PRESET: configures and builds; what it prints is shown only when it fails, or on a terminal.
 build() {

@@ -86,6 +86,7 @@ FIELD(ND_LIB_Instance, reserved2, 32, 36);
 FIELD(ND_LIB_Instance, msgMaxLen, 36, 40);
 FIELD(ND_LIB_Instance, verifyCycle, 40, 44);
 FIELD(ND_LIB_Instance, isNeedVerify, 42, 46);
+FIELD(ND_LIB_Instance, entered, 43, 47);
 FIELD(ND_LIB_Instance, secNow, 44, 48);
 FIELD(ND_LIB_Instance, secNowAux, 48, 52);
 FIELD(ND_LIB_Instance, consumer, 52, 56);
