@@ -29,8 +29,7 @@ def symbols(kind):
 
 
 LIBC = {"memcpy", "memmove", "memset", "memcmp", "strlen", "strcmp"}
-COMPILER = {"__cxa_finalize", "__gmon_start__", "_ITM_deregisterTMCloneTable", "_ITM_registerTMCloneTable",
-            "__stack_chk_fail", "__stack_chk_guard"}
+COMPILER = {"__stack_chk_fail", "__stack_chk_guard"}
 
 interface = declared("ND_LIB_API", "include/pegeir/pegeir.h", "src/*/*.h")
 platform = declared("PEGEIR_PLATFORM_API", "platform/include/pegeir/platform.h")

@@ -13,10 +13,10 @@ struct MemoryModule {
 };
 
 constexpr uint32_t kMaxBlock = 10000;
-constexpr MemoryModule kInstanceModule{"nd_lib", kMaxBlock};
-constexpr MemoryModule kStoreModule{"nd_lib_consumer", kMaxBlock};
-constexpr MemoryModule kDebugModule{"nd_lib_debug", kMaxBlock};
-constexpr MemoryModule kTimerModule{"nd_lib_timer", UINT32_MAX};
+inline constexpr MemoryModule kInstanceModule{"nd_lib", kMaxBlock};
+inline constexpr MemoryModule kStoreModule{"nd_lib_consumer", kMaxBlock};
+inline constexpr MemoryModule kDebugModule{"nd_lib_debug", kMaxBlock};
+inline constexpr MemoryModule kTimerModule{"nd_lib_timer", UINT32_MAX};
 
 // Returns size zero bytes charged to memHandle, or null, without a report, when size is above the
 // module's limit or memory is short.  Released with Free of the same module.

@@ -255,17 +255,18 @@ uint32_t ND_LIB_RecvSmoothData(ND_LIB_Instance *instance, void *message) {
 }
 
 uint32_t ND_LIB_RecvSmoothEnd(ND_LIB_Instance *instance, void *message) {
-    return RecvDownloadEnd(
-        instance, message,
-        {ND_LIB_STAT_RECV_SMOOTH_END, ND_LIB_EVT_SMOOTH_END, PEGEIR_ROW_TEXT("RecvSmoothEnd ack msg"),
-         PEGEIR_ROW_TEXT("ND_LIB_RecvSmoothEnd, sequence error local seq:%u, msg seq:%u")});
+    static constexpr DownloadEnd kRow = {
+        ND_LIB_STAT_RECV_SMOOTH_END, ND_LIB_EVT_SMOOTH_END, PEGEIR_ROW_TEXT("RecvSmoothEnd ack msg"),
+        PEGEIR_ROW_TEXT("ND_LIB_RecvSmoothEnd, sequence error local seq:%u, msg seq:%u")};
+    return RecvDownloadEnd(instance, message, kRow);
 }
 
 uint32_t ND_LIB_RecvVerifyEnd(ND_LIB_Instance *instance, void *message) {
-    return RecvDownloadEnd(instance, message,
-                           {ND_LIB_STAT_RECV_VERIFY_DATA_END, ND_LIB_EVT_VERIFY_DATA_END,
-                            PEGEIR_ROW_TEXT("RecvVerifyEnd ack msg"),
-                            PEGEIR_ROW_TEXT("RecvVerifyEnd, sequence error local seq:%u, msg seq:%u")});
+    static constexpr DownloadEnd kRow = {
+        ND_LIB_STAT_RECV_VERIFY_DATA_END, ND_LIB_EVT_VERIFY_DATA_END,
+        PEGEIR_ROW_TEXT("RecvVerifyEnd ack msg"),
+        PEGEIR_ROW_TEXT("RecvVerifyEnd, sequence error local seq:%u, msg seq:%u")};
+    return RecvDownloadEnd(instance, message, kRow);
 }
 
 uint32_t ND_LIB_RecvRealUpdate(ND_LIB_Instance *instance, void *message) {
