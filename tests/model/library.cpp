@@ -1,6 +1,5 @@
 // The library as a subject.
 
-#include <algorithm>
 #include <optional>
 
 #include "model/model.h"
@@ -12,10 +11,9 @@ class Library final : public Subject {
 public:
     Library() {
         world.SetLink([this](sim::World &, const sim::Record &record) {
-            const bool enveloped = std::tuple(record.intf, record.subIntf, record.arg1, record.arg2,
-                                              record.cid) == std::tuple(3U, 164U, 6U, 932U, record.receiver);
-            Complain(enveloped ? "" : "a message without its envelope");
-            Tell('s', record.receiver, record.bytes);
+            const bool good = std::tuple(record.intf, record.subIntf, record.arg1, record.arg2, record.cid) ==
+                              std::tuple(3U, 164U, 6U, 932U, record.receiver);
+            Tell(good ? 's' : '!', record.receiver, record.bytes);
         });
         Renew();
     }
@@ -24,11 +22,9 @@ public:
         const uint64_t ms = call.a * 1000ULL;
         switch (call.what) {
         case Do::kRegister: return Tell('=', d->Register());
-        case Do::kSubscribe: return Tell('=', d->Subscribe(ItemOf(call)));
-        case Do::kUnSubscribe: return Tell('=', d->UnSubscribe(ItemOf(call)));
-        case Do::kOptionData:
-            optionLength = call.a;
-            return Tell('=', ND_LIB_AddOptionData(d->nd, Join({call.bytes, {0}}).data(), call.a));
+        case Do::kSubscribe: return Tell('=', d->Subscribe(call.item));
+        case Do::kUnSubscribe: return Tell('=', d->UnSubscribe(call.item));
+        case Do::kOptionData: return AddOptionData(call.bytes);
         case Do::kComponent: return d->Notify(call.a);
         case Do::kVerify: return Tell('=', (call.a == 1 ? ND_LIB_StartVerify : ND_LIB_StopVerify)(d->nd));
         case Do::kCycle: return Tell('=', ND_LIB_SetVerifyCycle(d->nd, static_cast<uint16_t>(call.a)));
@@ -57,26 +53,25 @@ public:
         for (const auto &[from, to, event] : info.fsmRecord) {
             view.history.push_back({from, to, event});
         }
-        view.store.clear();
-        for (ND_LIB_KeyEntry *key = store::FirstKey(d->nd); key != nullptr;
-             key = store::NextKey(d->nd, key)) {
-            for (ND_LIB_ListNode *link : Links(key->dataListHead)) {
-                const ND_LIB_DataEntry &entry = *store::OfDataLink(link);
-                view.store[Id(entry)] = {Bytes(entry.dataValue, entry.dataValue + entry.dataLen),
-                                         entry.subscribeState, entry.sendCnt, entry.sendTransNumber,
-                                         entry.nextSendTime};
-            }
-        }
-        view.lists = {};
-        for (size_t i = 0; ND_LIB_List * list : {&info.subscribingList, &info.unsubscribingList,
-                                                 &info.waitSubAckList, &info.subscribeTmpList}) {
-            for (ND_LIB_ListNode *link : Links(*list)) {
-                view.lists.at(i).push_back(Id(*store::OfWorkLink(link)));
+        view.entries.clear();
+        for (uint32_t i = 0; ND_LIB_List * list : {&info.subscribingList, &info.unsubscribingList,
+                                                   &info.waitSubAckList, &info.subscribeTmpList}) {
+            for (auto *link = list::First(list); link != nullptr; link = list::Next(list, link)) {
+                Add(*store::OfWorkLink(link), i);
             }
             ++i;
         }
+        for (auto *key = store::FirstKey(d->nd); key != nullptr; key = store::NextKey(d->nd, key)) {
+            ND_LIB_List *list = &key->dataListHead;
+            for (auto *link = list::First(list); link != nullptr; link = list::Next(list, link)) {
+                const ND_LIB_DataEntry &entry = *store::OfDataLink(link);
+                if (entry.workListNode.list == nullptr) {
+                    Add(entry, kNone);
+                }
+            }
+        }
         Complain(BrokenInvariant(d->nd));
-        return view;
+        return Sorted();
     }
 
 private:
@@ -84,6 +79,14 @@ private:
         if (!text.empty()) {
             Tell('!', 0, Bytes(text.begin(), text.end()));
         }
+    }
+
+    void Add(const ND_LIB_DataEntry &entry, uint32_t list) {
+        const ND_LIB_KeyEntry &key = *entry.keyEntry;
+        const Item item = {key.keyType, Bytes(key.keyValue, key.keyValue + key.keyLen), entry.dataType};
+        view.entries.push_back({IdOf(item), Bytes(entry.dataValue, entry.dataValue + entry.dataLen), list,
+                                entry.subscribeState, entry.sendCnt, entry.sendTransNumber,
+                                entry.nextSendTime});
     }
 
     // Makes a new instance, after the old one has left nothing behind.
@@ -104,31 +107,16 @@ private:
         }
     }
 
+    void AddOptionData(Bytes data) {
+        optionLength = data.size();
+        data.push_back(0); // so that there is an address when there are no bytes
+        Tell('=', ND_LIB_AddOptionData(d->nd, data.data(), static_cast<uint32_t>(optionLength)));
+    }
+
     void Fail(const Call &call) {
-        constexpr std::array kOps = {sim::Op::kMalloc, sim::Op::kMsgAlloc, sim::Op::kSend,
-                                     sim::Op::kTimerCreate, sim::Op::kTimerDelete};
-        const sim::Op op = kOps.at(call.a);
+        const sim::Op op = kFallible.at(call.a);
         world.LiftAll();
         world.Fail({.op = op, .from = world.Calls(op) + 1 + call.b, .count = call.c + 1});
-    }
-
-    static Item ItemOf(const Call &call) {
-        const size_t end = call.id.size() - 2;
-        return {static_cast<uint16_t>(Read(call.id, 0, 2)), Cut(call.id, 4, end - 4),
-                static_cast<uint16_t>(Read(call.id, end, 2)), call.bytes};
-    }
-
-    static Bytes Id(const ND_LIB_DataEntry &entry) {
-        const ND_LIB_KeyEntry &key = *entry.keyEntry;
-        return Join({Tlv(key.keyType, Bytes(key.keyValue, key.keyValue + key.keyLen)), U16(entry.dataType)});
-    }
-
-    static std::vector<ND_LIB_ListNode *> Links(ND_LIB_List &list) {
-        std::vector<ND_LIB_ListNode *> links;
-        for (ND_LIB_ListNode *link = list::First(&list); link != nullptr; link = list::Next(&list, link)) {
-            links.push_back(link);
-        }
-        return links;
     }
 
     sim::World world;

@@ -1,5 +1,6 @@
-// The library as a few tables and sets, written from its rules and sharing nothing with its code: lists are
-// vectors of items, the store is a map, the machine a grid of letters, time a number.
+// The library as a few tables, written from its rules and sharing nothing with its code.  The store is a vector
+// in which an entry goes to the end whenever it goes to the tail of a list, the machine a grid of letters, time
+// a number.
 
 #include "model/model.h"
 
@@ -50,21 +51,17 @@ const std::vector<std::tuple<char, uint32_t, uint32_t>> kRules = {
 class Model final : public Subject {
 public:
     explicit Model(Flaw aFlaw) : flaw(aFlaw) { Renew(); }
-    const View &Look() override { return view; }
+    const View &Look() override { return Sorted(); }
 
     void Apply(const Call &call) override {
         const bool badCycle = call.a < 60 || call.a > 3600;
         switch (call.what) {
-        case Do::kRegister:
-            registered = true;
-            Empty();
-            At(kOption) = 0;
-            return Tell('=', 0);
-        case Do::kSubscribe: return Tell('=', Request(0, call.id, call.bytes));
-        case Do::kUnSubscribe: return Tell('=', Request(1, call.id, call.bytes));
+        case Do::kRegister: return Register();
+        case Do::kSubscribe: return Tell('=', Request(0, IdOf(call.item), call.item.data));
+        case Do::kUnSubscribe: return Tell('=', Request(1, IdOf(call.item), call.item.data));
         case Do::kOptionData:
-            At(kOption) = Alloc(call.a);
             option = call.bytes;
+            At(kOption) = Alloc(call.a);
             return Tell('=', 1 - At(kOption));
         case Do::kComponent: return Notify(call.a);
         case Do::kVerify: At(kNeedVerify) = call.a; return Tell('=', 0);
@@ -83,12 +80,12 @@ public:
     }
 
 private:
-    uint32_t &At(Number number) { return view.numbers.at(number); }
-    void Count(uint32_t statistic) { ++view.statistics.at(statistic); }
-    bool Alloc(size_t size) { return size <= 10000 && !Refused(kMalloc); }
+    uint32_t &At(Number number) { return view.numbers[number]; }
+    void Count(uint32_t statistic) { ++view.statistics[statistic]; }
+    bool Alloc(size_t size) { return size <= 10000 && !Refused(sim::Op::kMalloc); }
 
-    bool Refused(Service service) {
-        const bool concerned = service == fault.a && fault.c > 0;
+    bool Refused(sim::Op op) {
+        const bool concerned = op == kFallible.at(fault.a) && fault.c > 0;
         return concerned && (fault.b > 0 ? fault.b-- == 0 : fault.c-- > 0);
     }
 
@@ -98,7 +95,7 @@ private:
         view.numbers.assign(kNumbers, 0);
         view.statistics.assign(28, 0);
         view.history.assign(20, {16, 16, 20});
-        Empty();
+        view.entries.clear();
         At(kCompState) = 1;
         At(kCycle) = 60;
         At(kNow) = time;
@@ -106,13 +103,20 @@ private:
         fault.c = 0;
     }
 
+    void Register() {
+        registered = true;
+        view.entries.clear();
+        At(kOption) = 0;
+        Tell('=', 0);
+    }
+
     void Notify(uint32_t state) {
         At(kNow) = time;
         if (state != std::exchange(At(kCompState), state)) {
             Event(state == 0 ? 0 : 15);
             const bool runs = At(kTimer) == 1;
-            At(kTimer) =
-                state == 0 ? runs || (Alloc(1) && !Refused(kTimerCreate)) : runs && Refused(kTimerDelete);
+            At(kTimer) = state == 0 ? runs || (Alloc(1) && !Refused(sim::Op::kTimerCreate))
+                                    : runs && Refused(sim::Op::kTimerDelete);
         }
     }
 
@@ -129,54 +133,48 @@ private:
 
     // ---- The store ----
 
+    std::vector<Entry>::iterator Find(const Bytes &id) {
+        return std::find_if(view.entries.begin(), view.entries.end(),
+                            [&](const Entry &e) { return e.id == id; });
+    }
+
+    std::vector<Entry> On(uint32_t list) const {
+        std::vector<Entry> found;
+        std::copy_if(view.entries.begin(), view.entries.end(), std::back_inserter(found),
+                     [&](const Entry &entry) { return entry.list == list; });
+        return found;
+    }
+
+    void Move(const Bytes &id, uint32_t list) {
+        const auto entry = Find(id);
+        entry->list = list;
+        std::rotate(entry, entry + 1, view.entries.end());
+    }
+
     uint32_t Request(uint32_t kind, const Bytes &id, const Bytes &data) {
         const size_t key = id.size() - 6;
-        const bool known = std::any_of(view.store.begin(), view.store.end(), [&](const auto &entry) {
-            return std::equal(id.begin(), id.end() - 2, entry.first.begin(), entry.first.end() - 2);
+        const bool known = std::any_of(view.entries.begin(), view.entries.end(), [&](const Entry &entry) {
+            return std::equal(id.begin(), id.end() - 2, entry.id.begin(), entry.id.end() - 2);
         });
+        const bool fresh = Find(id) == view.entries.end();
         const auto copy = [&] { return data.empty() || Alloc(data.size()); };
-        const bool made = registered && key > 0 && Alloc(1) && copy() && Alloc(1) && Alloc(key) &&
-                          (known || (Alloc(1) && Alloc(key))) && Raise(kMaxKey, key) &&
-                          (view.store.contains(id) || (Alloc(1) && Raise(kMaxValue, data.size()) && copy()));
-        if (!made) {
+        if (!registered || key == 0 || !Alloc(1) || !copy() || !Alloc(1) || !Alloc(key) ||
+            (!known && !(Alloc(1) && Alloc(key))) || !Raise(kMaxKey, key) ||
+            (fresh && !(Alloc(1) && Raise(kMaxValue, data.size()) && copy()))) {
             return registered ? 5 : 1;
         }
-        Entry &entry = view.store.try_emplace(id, Entry{data, kind}).first->second;
-        if (copy()) {
-            Raise(kMaxValue, data.size());
-            entry = {data, kind};
-        } else {
-            entry.data.clear(); // and everything else stays
-        }
-        Requeue(id);
+        view.entries.resize(view.entries.size() + (fresh ? 1 : 0), {id, data, kNone, kind});
+        const auto entry = Find(id);
+        *entry = copy() && Raise(kMaxValue, data.size())
+                     ? Entry{id, data, entry->list, kind}
+                     : Entry{id, {}, entry->list, entry->kind, entry->sends, entry->stamp, entry->due};
+        Move(id, entry->kind);
         return 0;
     }
 
     bool Raise(Number most, size_t length) {
         At(most) = std::max(At(most), static_cast<uint32_t>(length + 4));
         return true;
-    }
-
-    void Move(Bytes id, List list) { // by value: it may stand on the list it leaves
-        for (std::vector<Bytes> &from : view.lists) {
-            std::erase(from, id);
-        }
-        if (list != kLists) {
-            view.lists.at(list).push_back(std::move(id));
-        }
-    }
-
-    void Requeue(const Bytes &id) { Move(id, view.store.at(id).kind == 0 ? kSubscribing : kUnsubscribing); }
-
-    void Empty() {
-        view.store.clear();
-        view.lists = {};
-    }
-
-    bool Pending(uint32_t kind) const {
-        const std::vector<Bytes> &waiting = view.lists[kWaiting];
-        const auto matches = [&](const Bytes &id) { return view.store.at(id).kind == kind; };
-        return !view.lists.at(kind).empty() || std::any_of(waiting.begin(), waiting.end(), matches);
     }
 
     // ---- The machine ----
@@ -205,11 +203,8 @@ private:
         case 'T': return Ready();
         case 'A': return Settle(message.bytes);
         case '>': return At(kState) == 13 ? 14 : 6;
-        case 'B':
-            Hear('e', 0);
-            Acknowledge(message, 9);
-            return Begin(message, 8, 7);
-        case 'G': Acknowledge(message, 25); return Begin(message, 24, 15);
+        case 'B': Hear('e', 0); return Begin(message, 9, 8, 7);
+        case 'G': return Begin(message, 25, 24, 15);
         case 'N': Acknowledge(message, 17); return Deliver(message.bytes);
         case 'D': return Deliver(message.bytes);
         case 'E':
@@ -219,9 +214,8 @@ private:
         case 'V':
             Acknowledge(message, 27);
             Hear('e', 3);
-            At(kNextVerify) = At(kNow) + At(kCycle);
-            return 8;
-        case 'x': Empty(); return 0;
+            return Postpone(At(kNow) + At(kCycle), 8);
+        case 'x': view.entries.clear(); return 0;
         default: return kStay;
         }
     }
@@ -244,14 +238,17 @@ private:
         return answer == 2 ? pass + 3 : answer == 0 ? pass + 2 : kStay;
     }
 
+    // The first upload leaves requests to unsubscribe alone.
     uint32_t Upload(uint32_t pass) {
-        const uint32_t kinds = pass == 0 ? 1 : 2; // the first upload leaves unsubscribe requests alone
         Overdue();
-        if (!Pending(0) && !Pending(kinds - 1)) {
+        if (std::none_of(view.entries.begin(), view.entries.end(), [&](const Entry &entry) {
+                return entry.list != kNone && (entry.kind == 0 || pass != 0);
+            })) {
             return pass + 5;
         }
-        for (uint32_t kind = 0; kind < kinds; ++kind) {
-            Batch(kind);
+        Batch(0);
+        if (pass != 0) {
+            Batch(1);
         }
         return pass + 4;
     }
@@ -263,9 +260,12 @@ private:
         if (At(kNeedVerify) == 0 || At(kNow) < At(kNextVerify)) {
             return kStay;
         }
-        const bool agreed = Hear('e', 2) == 0;
-        At(kNextVerify) += agreed ? 0 : 10;
-        return agreed ? AskForItems(8) : kStay;
+        return Hear('e', 2) == 0 ? AskForItems(8) : Postpone(At(kNextVerify) + 10, kStay);
+    }
+
+    uint32_t Postpone(uint32_t verify, uint32_t next) {
+        At(kNextVerify) = verify;
+        return next;
     }
 
     // ---- Receiving ----
@@ -297,7 +297,7 @@ private:
 
     void Acknowledge(const Call &message, uint32_t statistic) {
         Bytes copy = Cut(message.bytes, 0, Read(message.bytes, 0, 2));
-        if (copy.size() < 16 || Refused(kMsgAlloc) || Refused(kSend)) {
+        if (copy.size() < 16 || Refused(sim::Op::kMsgAlloc) || Refused(sim::Op::kSend)) {
             return Count(15);
         }
         copy[2] |= 0x80;
@@ -305,8 +305,9 @@ private:
         Count(statistic);
     }
 
-    uint32_t Begin(const Call &message, uint32_t statistic, uint32_t next) {
-        Count(statistic);
+    uint32_t Begin(const Call &message, uint32_t acknowledged, uint32_t received, uint32_t next) {
+        Acknowledge(message, acknowledged);
+        Count(received);
         At(kSequence) = Read(message.bytes, 12, 4);
         return next;
     }
@@ -322,14 +323,11 @@ private:
         for (const size_t at : Elements(message)) {
             const uint32_t length = Read(message, at + 2, 2);
             const uint32_t key = length < 4 ? 0 : Read(message, at + 6, 2);
-            if (length < key + 4 || (key > 0 && !Alloc(key)) || length < key + 8) {
-                continue;
-            }
-            const Bytes id = Cut(message, at + 4, key + 6);
-            const Entry entry = view.store.contains(id) ? view.store[id] : Entry{};
-            if (entry.sends > 0 && (entry.stamp == Read(message, 4, 4) || flaw == Flaw::kAnyStamp)) {
-                Move(id, kLists);
-                view.store.erase(id);
+            if (length >= key + 4 && (key == 0 || Alloc(key)) && length >= key + 8) {
+                std::erase_if(view.entries, [&](const Entry &entry) {
+                    return entry.id == Cut(message, at + 4, key + 6) && entry.sends > 0 &&
+                           (entry.stamp == Read(message, 4, 4) || flaw == Flaw::kAnyStamp);
+                });
             }
         }
         return kStay;
@@ -338,7 +336,7 @@ private:
     // ---- Sending ----
 
     bool AllocMessage() {
-        const bool refused = Refused(kMsgAlloc);
+        const bool refused = Refused(sim::Op::kMsgAlloc);
         At(kFlowStart) = refused && At(kFlowState) == 0 ? time : At(kFlowStart);
         At(kFlowState) |= refused ? 1 : 0;
         At(kFlowCount) += refused ? 1 : 0;
@@ -348,7 +346,7 @@ private:
     bool Send(uint32_t type, uint32_t statistic, const Bytes &body) {
         Count(statistic);
         const Ndpi message = {.type = static_cast<uint8_t>(type), .trans = ++At(kTrans), .body = body};
-        if (Refused(kSend)) {
+        if (Refused(sim::Op::kSend)) {
             return false;
         }
         Tell('s', Driver::kNd, message.Wire());
@@ -360,51 +358,47 @@ private:
     }
 
     void Overdue() {
-        for (const Bytes &id : std::vector<Bytes>(view.lists[kWaiting])) {
-            if (At(kNow) >= view.store.at(id).due) {
-                Requeue(id);
+        for (const Entry &entry : On(kWaiting)) {
+            if (At(kNow) >= entry.due) {
+                Move(entry.id, entry.kind);
             }
         }
     }
 
     void Batch(uint32_t kind) {
-        const std::vector<Bytes> ids = view.lists.at(kind);
-        if (ids.empty() || !AllocMessage()) {
+        const std::vector<Entry> entries = On(kind);
+        if (entries.empty() || !AllocMessage()) {
             return;
         }
         Bytes body;
-        for (const Bytes &id : ids) {
+        for (const Entry &entry : entries) {
             const bool full = At(kMaxKey) + 16 + body.size() + At(kMaxValue) + 4 > 8000;
-            if (full && !Flush(kind, body)) {
+            Flush(kind, full ? std::exchange(body, {}) : Bytes());
+            if (full && !AllocMessage()) {
                 break;
             }
-            const Bytes record = Record(id, view.store.at(id).data);
+            const Bytes record = Record(entry.id, entry.data);
             const bool fits = record.size() <= 7984;
-            Move(id, fits ? kTmp : kLists); // what fits no message stays in the store only
+            Move(entry.id, fits ? kTmp : kNone); // what fits no message stays in the store only
             body = fits ? Join({body, record}) : body;
         }
-        Finish(kind, body);
-        for (const Bytes &id : std::vector<Bytes>(view.lists[kTmp])) {
-            Requeue(id);
+        Flush(kind, body);
+        for (const Entry &entry : On(kTmp)) {
+            Move(entry.id, entry.kind);
         }
     }
 
-    bool Flush(uint32_t kind, Bytes &body) {
-        Finish(kind, std::exchange(body, {}));
-        return AllocMessage();
-    }
-
-    void Finish(uint32_t kind, const Bytes &body) {
+    void Flush(uint32_t kind, const Bytes &body) {
         if (body.empty() || !Send(kind == 0 ? 18 : 20, kind == 0 ? 4 : 18, body)) {
             return;
         }
-        for (const Bytes &id : std::vector<Bytes>(view.lists[kTmp])) {
-            Entry &entry = view.store.at(id);
-            ++At(entry.kind == 0 ? kSubscribes : kUnsubscribes);
-            entry.stamp = At(kTrans);
-            entry.sends = std::min(entry.sends + 1, 255U);
-            entry.due = Due(entry.sends);
-            Move(id, kWaiting);
+        for (const Entry &sent : On(kTmp)) {
+            const auto entry = Find(sent.id);
+            ++At(entry->kind == 0 ? kSubscribes : kUnsubscribes);
+            entry->stamp = At(kTrans);
+            entry->sends = std::min(entry->sends + 1, 255U);
+            entry->due = Due(entry->sends);
+            Move(sent.id, kWaiting);
         }
     }
 

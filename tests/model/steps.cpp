@@ -1,8 +1,8 @@
 // What the steps are on the wire, which ones are made up, and how they and their effects are printed.
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
-#include <iterator>
-#include <sstream>
 
 #include "model/model.h"
 
@@ -23,21 +23,15 @@ const std::array<Steps, 16> kCourse = {{
     {{Do::kRegister}, {Do::kComponent}},
     {{Do::kAck, 16}, {Do::kTick, 1}, {Do::kRegister}},
     {{Do::kConsumer, 2, 40, 8}, {Do::kConsumer, 2, 3, 300}, {Do::kTick, 1}},
-    {{Do::kAck, 17}, {Do::kTick, 1}},
-    {{Do::kAckRecords}, {Do::kAckRecords, 1}, {Do::kTick, 1}},
-    {{Do::kAck, 19}, {Do::kTick, 1}},
-    {{Do::kStream, 23, 7}, {Do::kStream, 23, 1}},
+    {{Do::kAck, 17}, {Do::kTick, 1}}, {{Do::kAckRecords}, {Do::kAckRecords, 1}, {Do::kTick, 1}},
+    {{Do::kAck, 19}, {Do::kTick, 1}}, {{Do::kStream, 23, 7}, {Do::kStream, 23, 1}},
     {{Do::kStream, 24, 0, 3}, {Do::kStream, 24, 0, 1}, {Do::kStream, 25}, {Do::kStream, 24, 1, 1}},
     {{Do::kTick, 1}, {Do::kTick, 70}, {Do::kStream, 26, 0, 2}, {Do::kVerify, 1}, {Do::kAckRecords},
      {Do::kSubscribe, 4, 4}, {Do::kUnSubscribe, 5}},
-    {{Do::kAck, 29}, {Do::kTick, 1}},
-    {{Do::kConsumer, 2, 5, 8}, {Do::kTick, 1}},
-    {{Do::kAck, 21}, {Do::kTick, 1}},
-    {{Do::kAckRecords}, {Do::kAckRecords, 1, 0, 1}, {Do::kTick, 1}},
-    {{Do::kAck, 22}, {Do::kTick, 1}},
-    {{Do::kStream, 27, 3}},
-    {{Do::kStream, 24, 0, 2}, {Do::kStream, 28}, {Do::kStream, 27, 3}, {Do::kStream, 28, 1}},
-}};
+    {{Do::kAck, 29}, {Do::kTick, 1}}, {{Do::kConsumer, 2, 5, 8}, {Do::kTick, 1}},
+    {{Do::kAck, 21}, {Do::kTick, 1}}, {{Do::kAckRecords}, {Do::kAckRecords, 1, 0, 1}, {Do::kTick, 1}},
+    {{Do::kAck, 22}, {Do::kTick, 1}}, {{Do::kStream, 27, 3}},
+    {{Do::kStream, 24, 0, 2}, {Do::kStream, 28}, {Do::kStream, 27, 3}, {Do::kStream, 28, 1}}}};
 
 // Anything else, with the most that each number can be; kData stands for the longest data of a run.
 constexpr uint32_t kAny = 0xFFFFFFFF, kData = 0xDA7A;
@@ -70,69 +64,60 @@ void Twist(Call &call, uint32_t twist) {
 Call Request(Do what, uint32_t which, uint32_t length) {
     const uint32_t key = which / 3;
     const uint32_t keyLength = which >= 1000 ? which : key == 15 ? 0 : 1 + key % 7;
-    const Bytes tlv = Tlv(key % 2 == 0 ? 1000 : 1, Bytes(keyLength, static_cast<uint8_t>(key)));
-    return {{what, which}, Join({tlv, U16(which % 3)}), Bytes(length, static_cast<uint8_t>(which + length))};
+    return {{what},
+            {static_cast<uint16_t>(key % 2 == 0 ? 1000 : 1), Bytes(keyLength, static_cast<uint8_t>(key)),
+             static_cast<uint16_t>(which % 3), Bytes(length, static_cast<uint8_t>(which + length))}};
 }
 
-std::string Hex(const Bytes &bytes) {
+// Prints what stands in one of them only.
+template <typename T>
+std::string Missing(const char *who, const std::vector<T> &from, const std::vector<T> &other) {
     std::string text;
-    for (size_t i = 0; i < std::min<size_t>(bytes.size(), 60); ++i) {
-        text += {"0123456789abcdef"[bytes[i] >> 4], "0123456789abcdef"[bytes[i] & 15]};
-    }
-    return text + " (" + std::to_string(bytes.size()) + ") ";
-}
-
-std::vector<std::string> Lines(const View &view) {
-    std::stringstream out;
-    for (size_t i = 0; i < kNumbers; ++i) {
-        out << kNumberNames.at(i) << " " << view.numbers[i] << "\n";
-    }
-    for (size_t i = 0; i < view.statistics.size(); ++i) {
-        out << "statistic " << i << " " << view.statistics[i] << "\n";
-    }
-    for (const auto &[from, to, event] : view.history) {
-        out << "history " << from << " " << to << " " << event << "\n";
-    }
-    for (const auto &[id, entry] : view.store) {
-        out << "entry " << Hex(id) << "kind " << entry.kind << " sends " << entry.sends << " stamp "
-            << entry.stamp << " due " << entry.due << " data " << Hex(entry.data) << "\n";
-    }
-    for (size_t i = 0; i < kLists; ++i) {
-        out << "list " << i << ": ";
-        std::transform(view.lists.at(i).begin(), view.lists.at(i).end(),
-                       std::ostream_iterator<std::string>(out), Hex);
-        out << "\n";
-    }
-    for (const auto &[what, number, bytes] : view.happened) {
-        out << what << " " << number << " " << Hex(bytes) << "\n";
-    }
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(out, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-} // namespace
-
-std::string Difference(const View &view, const View &other) {
-    const std::vector<std::string> known = Lines(other);
-    std::string text;
-    for (const std::string &line : Lines(view)) {
-        text += std::count(known.begin(), known.end(), line) == 0 ? "    " + line + "\n" : "";
+    for (const T &one : from) {
+        const bool found = std::find(other.begin(), other.end(), one) != other.end();
+        text += found ? "" : who + testing::PrintToString(one) + "\n";
     }
     return text;
 }
 
-std::string Code(const Steps &steps) {
-    std::stringstream out;
-    out << "const Steps steps = {\n";
-    for (const auto &[what, a, b, c, d] : steps) {
-        out << "    {Do::" << kDoNames.at(static_cast<size_t>(what)) << ", " << a << ", " << b << ", " << c
-            << ", " << d << "},\n";
+std::vector<std::string> Named(const View &view) {
+    std::vector<std::string> numbers;
+    for (size_t i = 0; i < kNumbers; ++i) {
+        numbers.push_back(std::string(kNumberNames.at(i)) + " " + std::to_string(view.numbers[i]));
     }
-    out << "};\nEXPECT_EQ(Replay(steps), \"\");\n";
-    return out.str();
+    for (size_t i = 0; i < view.statistics.size(); ++i) {
+        numbers.push_back("statistic " + std::to_string(i) + " " + std::to_string(view.statistics[i]));
+    }
+    return numbers;
+}
+
+} // namespace
+
+std::ostream &operator<<(std::ostream &out, const Entry &entry) {
+    const auto &[id, data, list, kind, sends, stamp, due] = entry;
+    return out << testing::PrintToString(id) << " list " << list << " kind " << kind << " sends " << sends
+               << " stamp " << stamp << " due " << due << " data " << testing::PrintToString(data);
+}
+
+std::string Difference(const View &library, const View &model) {
+    const auto both = [](const auto &left, const auto &right) {
+        return Missing("    library ", left, right) + Missing("    model   ", right, left);
+    };
+    const std::string text = both(Named(library), Named(model)) + both(library.history, model.history) +
+                             both(library.entries, model.entries) + both(library.happened, model.happened);
+    return text.empty() ? "    only in order\n" : text;
+}
+
+std::string Code(const Steps &steps) {
+    std::string text = "const Steps steps = {\n";
+    for (const auto &[what, a, b, c, d] : steps) {
+        text += std::string("    {Do::") + kDoNames.at(static_cast<size_t>(what));
+        for (const uint32_t number : {a, b, c, d}) {
+            text += ", " + std::to_string(number);
+        }
+        text += "},\n";
+    }
+    return text + "};\nEXPECT_EQ(Replay(steps), \"\");\n";
 }
 
 uint32_t Subject::Collect(const Bytes &optionData) {
@@ -151,6 +136,13 @@ uint32_t Subject::Hear(char what, uint32_t number, const Bytes &bytes) {
     return consumer.d & 1;
 }
 
+const View &Subject::Sorted() {
+    std::stable_sort(view.entries.begin(), view.entries.end(), [](const Entry &left, const Entry &right) {
+        return left.list != right.list ? left.list < right.list : left.list == kNone && left.id < right.id;
+    });
+    return view;
+}
+
 Call Resolve(const Step &step, const View &model) {
     const auto &[what, a, b, c, d] = step;
     Call call = {step};
@@ -163,9 +155,9 @@ Call Resolve(const Step &step, const View &model) {
     case Do::kAckRecords:
         message.type = c == 0 ? 18 : 20;
         message.trans = model.numbers[kTrans] - a;
-        for (uint32_t bit = 0; const auto &item : model.store) {
+        for (uint32_t bit = 0; const Entry &entry : model.entries) {
             const bool left = (b >> (bit++ % 32) & 1) != 0;
-            message.body = left ? message.body : Join({message.body, Record(item.first, {})});
+            message.body = left ? message.body : Join({message.body, Record(entry.id, {})});
         }
         break;
     case Do::kStream:
@@ -182,8 +174,7 @@ Call Resolve(const Step &step, const View &model) {
     return call;
 }
 
-Step MakeUp(std::mt19937 &random, uint32_t longest, uint32_t state) {
-    const auto upto = [&](uint32_t most) { return static_cast<uint32_t>(random() % (most + 1ULL)); };
+Step MakeUp(const std::function<uint32_t(uint32_t)> &upto, uint32_t longest, uint32_t state) {
     const uint32_t chance = upto(99);
     const Steps &pool = chance < 65 ? kCourse.at(state) : chance < 93 ? kCommon : kRare;
     Step step = pool[upto(static_cast<uint32_t>(pool.size() - 1))];
@@ -204,6 +195,10 @@ uint32_t Read(const Bytes &from, size_t at, size_t bytes) {
 Bytes Cut(const Bytes &from, size_t at, size_t bytes) {
     const auto first = from.begin() + static_cast<std::ptrdiff_t>(at);
     return {first, first + static_cast<std::ptrdiff_t>(bytes)};
+}
+
+Bytes IdOf(const Item &item) {
+    return Join({Tlv(item.keyType, item.key), U16(item.dataType)});
 }
 
 Bytes Record(const Bytes &id, const Bytes &data) {
