@@ -96,7 +96,10 @@ if(TARGET reference)
 endif()
 
 if(PEGEIR_BUILD_PROGRAMS)
-  foreach(program pegeir-component pegeir-watch)
+  foreach(program pegeir-component pegeir-watch pegeir-replay)
+    if(NOT TARGET ${program})
+      continue()
+    endif()
     install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
     install(
       FILES ${PROJECT_SOURCE_DIR}/docs/man/${program}.1
@@ -104,3 +107,4 @@ if(PEGEIR_BUILD_PROGRAMS)
       COMPONENT tools)
   endforeach()
 endif()
+include(Packages)

@@ -7,7 +7,7 @@ add_test(NAME Manual.HasEveryCall COMMAND ${manual_test} calls ${manual}/pegeir.
                                           ${PROJECT_SOURCE_DIR}/include/pegeir/pegeir.h)
 set_tests_properties(Manual.HasEveryCall PROPERTIES LABELS docs)
 if(PEGEIR_BUILD_PROGRAMS)
-  foreach(program pegeir-component pegeir-watch)
+  foreach(program pegeir-component pegeir-watch pegeir-replay)
     add_test(NAME Manual.HasEveryOption.${program} COMMAND ${manual_test} options ${manual}/${program}.1
                                                            "${emulator} $<TARGET_FILE:${program}>")
     set_tests_properties(Manual.HasEveryOption.${program} PROPERTIES LABELS "docs;programs")
