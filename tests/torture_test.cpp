@@ -15,17 +15,18 @@ namespace {
 
 struct Mode {
     const char *name;
-    sim::Fault (*fault)(sim::Op op, uint64_t number); // for the call of that number of its kind
+    sim::Fault (*fault)(sim::Op op, uint64_t number, uint64_t call); // number: among those of its kind
 };
 
+using sim::Fault;
 constexpr Mode kModes[] = {
-    {"Once", [](sim::Op op, uint64_t number) { return sim::Fault{.op = op, .from = number, .count = 1}; }},
-    {"HalfAMinute",
-     [](sim::Op op, uint64_t number) { return sim::Fault{.op = op, .from = number, .lastingMs = 30000}; }},
-    {"TheFirst",
-     [](sim::Op op, uint64_t number) {
-         return sim::Fault{.op = op, .count = std::min<uint64_t>(number, 1000)};
-     }},
+    {"Once",
+     [](sim::Op op, uint64_t number, uint64_t) { return Fault{.op = op, .from = number, .count = 1}; }},
+    {"HalfAMinute", [](sim::Op op, uint64_t number,
+                       uint64_t) { return Fault{.op = op, .from = number, .lastingMs = 30000}; }},
+    {"TheFirst", [](sim::Op op, uint64_t number,
+                    uint64_t) { return Fault{.op = op, .count = std::min<uint64_t>(number, 1000)}; }},
+    {"Everything", [](sim::Op, uint64_t, uint64_t call) { return Fault{.from = call, .lastingMs = 30000}; }},
 };
 
 struct Life {
@@ -37,6 +38,7 @@ struct Life {
 const Life kLives[] = {
     {"Plain", {}, 1},
     {"Hostile", {.hostile = true}, 10},
+    {"Silent", {.silent = true}, 10},
     {"Wrapping", {.hostile = true, .seed = 2, .firstNumber = 0xFFFFFFF0, .firstSecond = 0xFFFFFFF0}, 10},
     {"Large", {.items = 3000, .keyLen = 8}, 40000},
 };
@@ -82,9 +84,10 @@ TEST_P(Torture, EveryCallFails) {
             continue;
         }
         Play play(life.options);
-        play.world.Fail(mode.fault(op, number));
-        play.mayLackData = op == sim::Op::kMalloc;
-        const bool mayNeedRemedy = op == sim::Op::kMalloc || op == sim::Op::kTimerCreate ||
+        play.world.Fail(mode.fault(op, number, call));
+        const bool everything = !mode.fault(op, number, call).op;
+        play.mayLackData = everything || op == sim::Op::kMalloc;
+        const bool mayNeedRemedy = everything || op == sim::Op::kMalloc || op == sim::Op::kTimerCreate ||
                                    op == sim::Op::kTimerCreateLib || op == sim::Op::kTimerCreateInstance;
         play.Story();
         const auto *test = testing::UnitTest::GetInstance()->current_test_info();

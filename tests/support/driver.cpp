@@ -55,10 +55,6 @@ Bytes Item::Record() const {
     return Tlv(18, Join({Tlv(keyType, key), Tlv(dataType, data)}));
 }
 
-Bytes Item::Identity() const {
-    return Join({Tlv(keyType, key), U16(dataType)});
-}
-
 Item NumberedItem(uint32_t number, uint16_t dataType) {
     return {1000, U32(number), dataType, {}};
 }

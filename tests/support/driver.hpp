@@ -41,8 +41,7 @@ struct Item {
     uint16_t dataType = 1;
     Bytes data = {};
 
-    [[nodiscard]] Bytes Record() const;   // its subscription record
-    [[nodiscard]] Bytes Identity() const; // what makes it another item than others
+    [[nodiscard]] Bytes Record() const; // its subscription record
 };
 
 [[nodiscard]] Bytes U16(uint32_t value);

@@ -5,10 +5,22 @@
 #include <utility>
 
 namespace pegeir::tests {
+namespace {
+
+constexpr uint16_t kDownloadRecord = 200;
+constexpr uint16_t kUpdateRecord = 300;
+
+} // namespace
 
 Play::Play(const PlayOptions &someOptions)
-    : options(someOptions), component(world, options.firstNumber), random(options.seed) {
-    component.onMessage = [this] { Boundary(); };
+    : options(someOptions), component(world, Driver::kNd, Driver::kApp, options.firstNumber),
+      random(options.seed) {
+    component.beforeMessage = [this] { Boundary(); };
+    component.mostBody = std::max<size_t>(options.items * 3, 60); // a few messages a download
+    component.recordOf = [](const sim::ItemName &item) {
+        return Tlv(kDownloadRecord,
+                   Bytes(item.key.begin(), item.key.begin() + std::min<ptrdiff_t>(8, std::ssize(item.key))));
+    };
     world.SetSeconds(options.firstSecond);
     for (uint32_t number = 1; number <= options.items; ++number) {
         wanted.insert(number);
@@ -27,6 +39,7 @@ void Play::Create() {
         return;
     }
     d->nd->transNumber = options.firstNumber;
+    d->nd->logFunc = options.silent ? nullptr : d->nd->logFunc;
     d->onPack = [this] { return Pack(); };
     d->onEvent = [this](uint32_t code) { return OnEvent(code); };
     d->onRecord = [this](const Delivered &) { Misbehave(); };
@@ -214,12 +227,15 @@ void Play::Second() {
             break;
         }
     }
+    const uint64_t sends = world.Calls(sim::Op::kSend);
     world.Run(1000);
-    component.Tick();
+    if (downFor != 0 && world.Calls(sim::Op::kSend) != sends) {
+        broken = "something is sent while the component is down";
+    }
 }
 
 void Play::Story() {
-    component.leaveGap = true; // in the first download
+    component.LeaveGap(); // in the first download
     for (uint32_t second = 1; second <= 40; ++second) {
         Second();
         switch (second) {
@@ -235,8 +251,8 @@ void Play::Story() {
             GiveUp(3);
             break;
         case 15:
-            component.Update({1});
-            component.Update(Bytes(20, 2));
+            component.Update(Tlv(kUpdateRecord, {1}));
+            component.Update(Tlv(kUpdateRecord, Bytes(20, 2)));
             break;
         case 17:
             if (d) {
@@ -265,27 +281,31 @@ bool Play::IsQuiet() const {
 }
 
 std::string Play::Difference() const {
-    std::map<Bytes, PlayedComponent::Kept> expected;
+    std::map<sim::ItemName, Bytes> expected;
     for (const uint32_t number : wanted) {
         const Item item = ItemOf(number);
-        expected[item.Identity()] = {item.data, 0};
+        expected[{item.keyType, item.key, item.dataType}] = item.data;
     }
-    for (const auto &[identity, kept] : component.items) {
-        const auto found = expected.find(identity);
+    for (const auto &[name, data] : component.Items()) {
+        const auto found = expected.find(name);
         if (found == expected.end()) {
             return "the component holds an item that nobody wants";
         }
-        if (kept != found->second && !(mayLackData && kept.data.empty())) {
+        if (data != found->second && !(mayLackData && data.empty())) {
             return "the component holds other data bytes for an item";
         }
     }
-    if (expected.size() != component.items.size()) {
+    if (expected.size() != component.Items().size()) {
         return "the component lacks an item";
     }
     // A pass tells of its end alone: one that began twice on a bad link has told its first records twice.
-    std::vector<Delivered> seen = d->records;
-    std::erase_if(seen, [](const Delivered &record) { return record.type != kDownloadRecord; });
-    const bool exact = seen == component.lastDownload || lastCode == ND_LIB_NOTIFY_VERIFY_END;
+    std::vector<Bytes> seen;
+    for (const Delivered &record : d->records) {
+        if (record.type != kUpdateRecord) {
+            seen.push_back(Tlv(record.type, record.value));
+        }
+    }
+    const bool exact = seen == component.LastDownload() || lastCode == ND_LIB_NOTIFY_VERIFY_END;
     return exact ? "" : "the consumer saw other records than the last download had";
 }
 

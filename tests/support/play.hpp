@@ -1,5 +1,5 @@
 // A whole life of an instance, whatever befalls it: a consumer that knows what it wants and does not give
-// up, the played component, and the clock.  An engine brings the faults and asks at the end whether all
+// up, a component that answers, and the clock.  An engine brings the faults and asks at the end whether all
 // is well again.
 //
 // The consumer does what the header advises.  It repeats requests that were refused, makes a new instance
@@ -10,9 +10,10 @@
 
 #include <chrono>
 #include <random>
-#include <set>
 
-#include "support/component.hpp"
+#include <pegeir/sim_component.hpp>
+
+#include "support/driver.hpp"
 
 namespace pegeir::tests {
 
@@ -20,6 +21,7 @@ struct PlayOptions {
     uint32_t items = 12;
     size_t keyLen = 1900;        // with which an upload of 12 items takes three messages
     bool hostile = false;        // the callbacks do whatever the contract lets them do
+    bool silent = false;         // an instance without a log function, on which every report copes
     uint64_t seed = 1;           // of what is left to chance
     uint32_t firstNumber = 0;    // transaction and sequence numbers of both sides begin behind it
     uint32_t firstSecond = 1000; // of the clock
@@ -54,7 +56,7 @@ public:
 
     PlayOptions options;
     sim::World world;
-    PlayedComponent component;
+    sim::Component component;
     std::optional<Driver> d;
     std::set<uint32_t> wanted;
     bool agrees = true;       // to verification passes
