@@ -115,12 +115,15 @@ private:
 
     void Fail(const Call &call) {
         const sim::Op op = kFallible.at(call.a);
-        world.LiftAll();
-        world.Fail({.op = op, .from = world.Calls(op) + 1 + call.b, .count = call.c + 1});
+        if (faults.contains(op)) {
+            world.Lift(faults[op]);
+        }
+        faults[op] = world.Fail({.op = op, .from = world.Calls(op) + 1 + call.b, .count = call.c + 1});
     }
 
     sim::World world;
     std::optional<Driver> d;
+    std::map<sim::Op, sim::FaultId> faults; // the latest of each
     size_t optionLength = 0;
 };
 

@@ -70,10 +70,7 @@ public:
         case Do::kTick: return Tick(call.a, call.b == 1);
         case Do::kClock: time += call.a; return;
         case Do::kNumber: At(kTrans) = 0 - call.a; return;
-        case Do::kFail:
-            fault = call;
-            ++fault.c;
-            return;
+        case Do::kFail: faults[kFallible.at(call.a)] = {call.what, call.a, call.b, call.c + 1}; return;
         case Do::kRenew: return Renew();
         default: return Receive(call);
         }
@@ -85,8 +82,8 @@ private:
     bool Alloc(size_t size) { return size <= 10000 && !Refused(sim::Op::kMalloc); }
 
     bool Refused(sim::Op op) {
-        const bool concerned = op == kFallible.at(fault.a) && fault.c > 0;
-        return concerned && (fault.b > 0 ? fault.b-- == 0 : fault.c-- > 0);
+        Step &fault = faults[op];
+        return fault.c > 0 && (fault.b > 0 ? fault.b-- == 0 : fault.c-- > 0);
     }
 
     // ---- Calls ----
@@ -100,7 +97,7 @@ private:
         At(kCycle) = 60;
         At(kNow) = time;
         registered = false;
-        fault.c = 0;
+        faults.clear();
     }
 
     void Register() {
@@ -403,7 +400,7 @@ private:
     }
 
     Flaw flaw;
-    Step fault = {Do::kFail}; // what is left of the latest one
+    std::map<sim::Op, Step> faults; // what is left of the latest of each
     uint32_t time = 1000;
     bool registered = false;
     Bytes option;

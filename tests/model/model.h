@@ -33,7 +33,7 @@ namespace pegeir::tests::model {
 //  kTick         a: seconds, b: 1 hands over all timer messages at the end
 //  kClock        a: seconds added to the clock at once
 //  kNumber       a: the last transaction number, down from 2^32
-//  kFail         a: index of what fails, b: calls that still succeed, c: calls that then fail, less one
+//  kFail         a: what fails (kFallible), b: calls that still succeed, c: calls that then fail, less one
 //  kRenew        destroys the instance and makes another; faults end
 // clang-format off
 enum class Do : uint8_t {
@@ -46,7 +46,7 @@ enum Number : size_t {
 // clang-format on
 enum List : uint32_t { kSubscribing, kUnsubscribing, kWaiting, kTmp, kNone };
 inline constexpr std::array kFallible = {sim::Op::kMalloc, sim::Op::kMsgAlloc, sim::Op::kSend,
-                                         sim::Op::kTimerCreate, sim::Op::kTimerDelete}; // by kFail
+                                         sim::Op::kTimerCreate, sim::Op::kTimerDelete};
 
 struct Step {
     Do what;

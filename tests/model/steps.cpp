@@ -21,7 +21,7 @@ constexpr std::array<const char *, kNumbers> kNumberNames = {
 // What the component, the consumer and the clock do next in each state.
 const std::array<Steps, 16> kCourse = {{
     {{Do::kRegister}, {Do::kComponent}},
-    {{Do::kAck, 16}, {Do::kTick, 1}, {Do::kRegister}},
+    {{Do::kAck, 16}, {Do::kAck, 16}, {Do::kTick, 1}, {Do::kRegister}, {Do::kConsumer, 2, 19, 428}},
     {{Do::kConsumer, 2, 40, 8}, {Do::kConsumer, 2, 3, 300}, {Do::kTick, 1}},
     {{Do::kAck, 17}, {Do::kTick, 1}}, {{Do::kAckRecords}, {Do::kAckRecords, 1}, {Do::kTick, 1}},
     {{Do::kAck, 19}, {Do::kTick, 1}}, {{Do::kStream, 23, 7}, {Do::kStream, 23, 1}},
@@ -38,10 +38,12 @@ constexpr uint32_t kAny = 0xFFFFFFFF, kData = 0xDA7A;
 const Steps kCommon = {
     {Do::kSubscribe, 47, kData}, {Do::kUnSubscribe, 47, kData}, {Do::kOptionData, kData}, {Do::kVerify, 1},
     {Do::kCycle, 90}, {Do::kConsumer, 3, 12, kData, 7}, {Do::kAck, 30, 1, 0, kAny}, {Do::kTick, 130, 1},
-    {Do::kAckRecords, 4, kAny, 1, kAny}, {Do::kStream, 30, 1, 3, kAny}};
+    {Do::kAckRecords, 4, kAny, 1, kAny}, {Do::kStream, 30, 1, 3, kAny}, {Do::kFail, 4, 5, 2}};
 const Steps kRare = {
     {Do::kRegister}, {Do::kComponent, 2}, {Do::kCycle, 3700}, {Do::kClock, 7200}, {Do::kClock, kAny}, {Do::kRenew},
     {Do::kNumber, 3}, {Do::kSubscribe, 10002, 9}, {Do::kFail, 4, 5, 2}, {Do::kFail, 2, 9, 1}};
+const Steps kLimits = { // the longest record, sends until the pace stays, a second message for one byte
+    {Do::kSubscribe, 7968, 4}, {Do::kTick, 4000}, {Do::kConsumer, 2, 19, 428}, {Do::kConsumer, 2, 19, 427}};
 // clang-format on
 
 // Damages a message on its way; twist 0 leaves it whole.
@@ -176,13 +178,19 @@ Call Resolve(const Step &step, const View &model) {
 
 Step MakeUp(const std::function<uint32_t(uint32_t)> &upto, uint32_t longest, uint32_t state) {
     const uint32_t chance = upto(99);
-    const Steps &pool = chance < 65 ? kCourse.at(state) : chance < 93 ? kCommon : kRare;
+    const bool exact = chance < 65 || chance == 99;
+    const Steps &pool = chance < 65   ? kCourse.at(state)
+                        : chance < 93 ? kCommon
+                        : chance < 99 ? kRare
+                                      : kLimits;
     Step step = pool[upto(static_cast<uint32_t>(pool.size() - 1))];
     for (uint32_t Step::*number : {&Step::a, &Step::b, &Step::c, &Step::d}) {
         const uint32_t most = step.*number == kData ? longest : step.*number;
-        step.*number = chance < 65 ? most : upto(most);
+        step.*number = exact ? most : upto(most);
     }
     step.d = upto(2) == 0 ? step.d : 0;
+    // A long key closes every later message early, so that only runs with long data have them.
+    step.a %= step.what == Do::kSubscribe && longest < 4000 ? 48 : kAny;
     return step;
 }
 
