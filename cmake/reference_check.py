@@ -18,14 +18,16 @@ def text(element):
 
 
 def speaks_for_itself(member, owner):
-    """Whether the text of the class is enough: for constructors, destructor and assignment."""
-    return re.fullmatch(rf"~?{owner.split('::')[-1]}|operator=", member.findtext("name"))
+    """Whether the text of the class is enough: for constructors, destructor and operators."""
+    return re.fullmatch(rf"~?{owner.split('::')[-1]}|operator\W+", member.findtext("name"))
 
 
 documented, problems = {}, []
 for path in sorted(pathlib.Path(sys.argv[1]).glob("*.xml")):
     for compound in ElementTree.parse(path).getroot().iter("compounddef"):
         name = compound.findtext("compoundname")
+        if compound.get("prot") == "private":
+            continue
         needs_text = compound.get("kind") in ("struct", "class", "union", "file") and not name.endswith(".md")
         if needs_text and len(text(compound)) < SHORTEST_TEXT:
             problems.append(f"{name}: no text")

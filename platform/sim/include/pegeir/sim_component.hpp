@@ -35,8 +35,10 @@ struct ItemName {
     }
 };
 
+// A component in a World, driven by the test.
 class Component {
 public:
+    // Bytes as they travel.
     using Bytes = std::vector<std::uint8_t>;
 
     // Attaches itself to the World as process pid, for the consumer's process.  Its transaction and
