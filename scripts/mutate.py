@@ -28,7 +28,8 @@ import time
 ROOT = pathlib.Path.cwd()
 SCRATCH = ROOT / "build" / "mutate"
 TREE = SCRATCH / "tree"
-TESTS = ["nd_lib*_test.cpp", "tlv_test.cpp", "session_test.cpp", "model/*.cpp"]  # a folder is one program
+# Below tests/; a folder is one program.
+TESTS = ["nd_lib*_test.cpp", "tlv_test.cpp", "session_test.cpp", "model/*.cpp", "torture_test.cpp", "lossy_test.cpp"]
 NEEDED = 0.9
 
 COMPILE = ["g++", "-std=c++20", "-w", "-g0", "-fPIC", "-pthread"]
