@@ -80,45 +80,6 @@ TEST_F(Session, RunsFromRegistrationToReadyAndFollowsUpdates) {
     EXPECT_EQ(d.nd->transNumber, 4U);
 }
 
-TEST_F(Session, RepeatsWhatIsNotAcknowledgedAtPacedTimes) {
-    d.Subscribe(NumberedItem(1));
-    const auto timesOf = [&](uint8_t type, uint32_t seconds) { // seconds at which type went out
-        Codes times;
-        for (uint32_t second = 1; second <= seconds; ++second) {
-            d.Run(1);
-            for (const Ndpi &sent : d.Sent()) {
-                EXPECT_EQ(int{sent.type}, int{type});
-                times.push_back(second);
-            }
-        }
-        return times;
-    };
-    // Entering a state clears its pacing, so its first timeout always sends.
-    const Codes paced = {1, 3, 7, 13, 21};
-    d.Up();
-    Ndpi last = d.SentOne(NDPI_MSG_REGISTER);
-    EXPECT_EQ(timesOf(NDPI_MSG_REGISTER, 22), paced);
-    EXPECT_EQ(d.Ack(last), ND_LIB_ERR_MSG); // only the latest number counts
-    last.trans = d.nd->transNumber;
-    EXPECT_EQ(d.Ack(last), ND_LIB_OK);
-    EXPECT_EQ(timesOf(NDPI_MSG_SUBSCRIBE_BEGIN, 22), paced);
-    EXPECT_EQ(d.Ack({.type = NDPI_MSG_SUBSCRIBE_BEGIN, .trans = d.nd->transNumber}), ND_LIB_OK);
-    EXPECT_EQ(d.SentOne(NDPI_MSG_SUBSCRIBE_DATA).trans, 12U);
-    // An entry goes out when it is due: 2, 4, 6 ... seconds after its last send.
-    EXPECT_EQ(timesOf(NDPI_MSG_SUBSCRIBE_DATA, 31), (Codes{2, 6, 12, 20, 30}));
-    // A late acknowledgement of an earlier send settles nothing; the one of the last send does, also
-    // after the entry has gone back to its list.
-    const Bytes record = NumberedItem(1).Record();
-    d.Ack({.type = NDPI_MSG_SUBSCRIBE_DATA, .trans = 16, .body = record});
-    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 1U);
-    world.FailNext(sim::Op::kSend);
-    d.Run(11);
-    EXPECT_EQ(d.nd->consumer.subscribingList.count, 1U);
-    EXPECT_EQ(d.nd->transNumber, 18U); // the number of the refused send is spent
-    d.Ack({.type = NDPI_MSG_SUBSCRIBE_DATA, .trans = 17, .body = record});
-    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 0U);
-}
-
 TEST_F(Session, PacingStopsGrowing) {
     uint32_t time = 0;
     uint8_t count = 0;
@@ -127,33 +88,6 @@ TEST_F(Session, PacingStopsGrowing) {
         EXPECT_EQ(time - d.nd->secNow, send < 60 ? 2 * send : 120);
         EXPECT_EQ(count, send < 255 ? send : 255);
     }
-}
-
-TEST_F(Session, SendsChangesInTheReadyState) {
-    d.Subscribe(NumberedItem(0));
-    d.UnSubscribe(NumberedItem(2)); // does not hold up the first upload, nor go with it
-    d.ToState(ND_LIB_FSM_READY);
-    EXPECT_EQ(d.nd->consumer.unsubscribingList.count, 1U);
-    d.Subscribe(NumberedItem(1));
-    d.Run(1);
-    auto sent = d.Sent();
-    ASSERT_EQ(sent.size(), 2U);
-    EXPECT_EQ(sent[0].type, NDPI_MSG_SUBSCRIBE_DATA);
-    EXPECT_EQ(sent[0].body, NumberedItem(1).Record());
-    EXPECT_EQ(sent[1].type, NDPI_MSG_UNSUBSCRIBE_DATA);
-    EXPECT_EQ(sent[1].body, NumberedItem(2).Record());
-    // The consumer changes its mind before the answer: the old acknowledgement no longer counts.
-    d.UnSubscribe(NumberedItem(1));
-    d.Ack(sent[0]);
-    d.Ack(sent[1]);
-    EXPECT_EQ(d.nd->consumer.unsubscribingList.count, 1U);
-    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 1U);
-    d.AckNext(NDPI_MSG_UNSUBSCRIBE_DATA);
-    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 0U);
-    d.Run(5);
-    EXPECT_TRUE(d.Sent().empty());
-    EXPECT_EQ(d.nd->consumer.sendSubNum, 2U);
-    EXPECT_EQ(d.nd->consumer.sendUnSubNum, 2U);
 }
 
 TEST_F(Session, CollectsOverSeveralRounds) {
@@ -263,33 +197,6 @@ TEST_F(Session, SetsAsideWhatFitsNoMessage) {
     EXPECT_EQ(d.nd->consumer.subscribeTree.count, 2U);
     d.Subscribe({1, Bytes(7000, 2), 1, {}});
     EXPECT_EQ(d.nd->consumer.subscribingList.count, 1U);
-}
-
-TEST_F(Session, CarriesAHundredThousandItems) {
-    constexpr uint32_t kItems = 100000;
-    uint32_t next = 0;
-    d.onPack = [&] {
-        for (uint32_t i = 0; i < 30000 && next < kItems; ++i) {
-            EXPECT_EQ(d.Subscribe({7, U32(next++ * 2654435761U), 1, {}}), ND_LIB_OK);
-        }
-        return next == kItems ? uint32_t{ND_LIB_PACK_DONE} : uint32_t{ND_LIB_PACK_MORE};
-    };
-    d.ToState(ND_LIB_FSM_SUBSCRIBE_BEGIN);
-    (void)d.TakeLog();
-    d.AckNext(NDPI_MSG_SUBSCRIBE_BEGIN);
-    const auto messages = d.Sent();
-    ASSERT_EQ(messages.size(), 201U); // 499 records of 16 bytes in 8000 bytes
-    for (size_t i = 0; i < messages.size(); ++i) {
-        EXPECT_EQ(messages[i].body.size(), (i < 200 ? 499U : 200U) * 16);
-        EXPECT_EQ(d.Ack(messages[i]), ND_LIB_OK);
-    }
-    EXPECT_EQ(d.nd->consumer.subscribeTree.count, 0U);
-    EXPECT_EQ(d.nd->consumer.sendSubNum, kItems);
-    d.Run(2);
-    d.Ack(d.SentOne(NDPI_MSG_SUBSCRIBE_END));
-    d.Download(1, std::vector<Bytes>(200, Join(std::vector<Bytes>(499, Tlv(7, Bytes(12, 1))))));
-    EXPECT_EQ(d.State(), ND_LIB_FSM_READY);
-    EXPECT_EQ(d.records.size(), 200U * 499);
 }
 
 // What would pull the instance out from under the call that runs a callback is asserted and does nothing.
