@@ -1,19 +1,13 @@
 // The Linux platform as processes see it: children are forked, strangers are sockets of the test's own.
-#include <pegeir/capture.h>
 #include <pegeir/linux.h>
 
 #include <gtest/gtest.h>
-#ifdef PEGEIR_CAPTURE
-#include <pcap/pcap.h>
-#endif
 
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <memory>
 #include <poll.h>
-#include <sstream>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -320,55 +314,6 @@ TEST_F(Linux, EmbedsThroughItsDescriptorAndClosesFromACallback) {
     EXPECT_EQ(g_seen.size(), 1U);
     EXPECT_EQ(PEGEIR_LinuxDispatch(0), -1);
 }
-
-#ifdef PEGEIR_CAPTURE
-// Returns "kind direction sender>receiver result data" of each packet; data other than a message and a text
-// are a last word, the period of a timer, or the seconds of a clock.
-Lines Packets(const std::string &path) {
-    char error[PCAP_ERRBUF_SIZE] = "";
-    Lines lines;
-    const std::unique_ptr<pcap_t, decltype(&pcap_close)> file(pcap_open_offline(path.c_str(), error),
-                                                              pcap_close);
-    pcap_pkthdr head{};
-    while (const u_char *const bytes = file != nullptr ? pcap_next(file.get(), &head) : nullptr) {
-        const auto word = [bytes](size_t at) {
-            return bytes[at] << 24 | bytes[at + 1] << 16 | bytes[at + 2] << 8 | bytes[at + 3];
-        };
-        std::ostringstream line;
-        line << +bytes[4] << ' ' << +bytes[5] << ' ' << word(8) << '>' << word(12) << ' ' << word(28) << ' ';
-        const std::string data(bytes + PEGEIR_CAPTURE_HEAD_SIZE, bytes + head.caplen);
-        line << (bytes[4] <= 3 ? data : std::to_string(word(head.caplen - (bytes[4] == 7 ? 12 : 4))));
-        lines.push_back(line.str());
-    }
-    return lines;
-}
-
-TEST_F(Linux, CaptureHoldsAllThatPassed) {
-    PEGEIR_LinuxCapture((base + "/%i%%%p").c_str());
-    ASSERT_EQ(Open(directory, 1), "");
-    const std::string path = base + "/1%" + std::to_string(getpid());
-    Send(2, "none");
-    ASSERT_EQ(PEGEIR_LinuxWatchPeer(2, OnPeer, nullptr), 0);
-    Start(2);
-    Told(1);
-    Send(2, "echo");
-    Until([] { return !g_seen.empty(); });
-    const uint32_t instance = APPTMR_CreateInstance(APPTMR_CreateLib2(1, OnExpiry, 1), nullptr);
-    const uint32_t timer = APPTMR_CreatePeriodTimer(instance, 50, 0, nullptr, APP_TIMER_FLAG_SHADOW);
-    Until([] { return g_seen.size() > 1; });
-    APPTMR_DeleteTimer(instance, timer);
-    usleep(1000000);
-    uint32_t second = 0, unused = 0;
-    KAL_SecondNow(&second, &unused);
-    PEGEIR_LinuxClose();
-    PEGEIR_LinuxCapture(nullptr);
-    Lines packets = Packets(path);
-    packets.at(0).clear(); // names program and directory
-    EXPECT_EQ(packets, (Lines{"", "3 2 1>2 2 none", "4 1 2>1 0 1", "3 2 1>2 0 echo", "3 1 2>1 0 echo",
-                              "6 2 1>0 0 50", "5 1 1>1 0 " + std::to_string(timer), "6 2 1>0 0 0",
-                              "7 1 1>0 0 " + std::to_string(second), "2 0 1>0 0 "}));
-}
-#endif
 
 TEST_F(Linux, LocalTimeIsOfTheInstantGiven) {
     setenv("TZ", "XYZ-5:30ABC,M3.5.0/2,M10.5.0/3", 1);

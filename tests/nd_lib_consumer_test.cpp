@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "support/driver.hpp"
 
 namespace pegeir::tests {
@@ -83,47 +81,6 @@ TEST_F(Store, RefusesWhatIsNoRequest) {
     EXPECT_EQ(world.Assertions().size(), 3U);
 }
 
-TEST_F(Store, KeepsOneEntryAnItemThroughRandomRequests) {
-    using Name = std::tuple<uint16_t, Bytes, uint16_t>;
-    std::map<Name, Bytes> wanted; // the data of each
-    std::vector<Name> order[2];   // the lists, oldest request first
-    std::mt19937 random(11);
-    const auto below = [&](uint32_t bound) { return static_cast<uint16_t>(random() % bound); };
-    for (uint32_t step = 0; step < 3000; ++step) {
-        // Keys that differ in type, length or one byte only.
-        const Item item{below(3), Bytes(1 + below(3), static_cast<uint8_t>(below(3) * 127)), below(3),
-                        Bytes(below(4), static_cast<uint8_t>(step))};
-        const auto state = static_cast<uint8_t>(below(2));
-        const Name name{item.keyType, item.key, item.dataType};
-        ASSERT_EQ(Request(state == 0, item), ND_LIB_OK);
-        wanted[name] = item.data;
-        std::erase(order[0], name);
-        std::erase(order[1], name);
-        order[state].push_back(name);
-        if (step == 1500) { // an empty store goes on like a new one
-            ASSERT_EQ(BrokenInvariant(d.nd), "");
-            ND_LIB_DeleteAllKeyEntry(d.nd);
-            order[0].clear();
-            order[1].clear();
-        }
-    }
-    ND_LIB_List *lists[2] = {&consumer.subscribingList, &consumer.unsubscribingList};
-    for (size_t kind = 0; kind < 2; ++kind) {
-        ASSERT_EQ(lists[kind]->count, order[kind].size());
-        ND_LIB_ListNode *link = list::First(lists[kind]);
-        for (const Name &name : order[kind]) {
-            const ND_LIB_DataEntry *entry = store::OfWorkLink(link);
-            EXPECT_EQ(entry, Find({std::get<0>(name), std::get<1>(name), std::get<2>(name), {}}));
-            EXPECT_EQ(Bytes(entry->dataValue, entry->dataValue + entry->dataLen), wanted[name]);
-            EXPECT_EQ(entry->subscribeState, kind);
-            EXPECT_EQ(entry->state, 0U);
-            link = list::Next(lists[kind], link);
-        }
-    }
-    EXPECT_EQ(consumer.maxKeyLength, 7U);
-    EXPECT_EQ(consumer.maxValueLength, 7U);
-}
-
 TEST_F(Store, OrdersKeysByTypeThenLengthThenBytes) {
     const Item ascending[] = {{1, {9}, 1, {}}, {1, {0, 1}, 1, {}}, {1, {0, 200}, 1, {}}, {2, {1}, 1, {}}};
     for (const Item &item : ascending) {
@@ -154,52 +111,6 @@ TEST_F(Store, OrdersKeysByTypeThenLengthThenBytes) {
     ND_LIB_DeleteDataEntry(nullptr, d.nd);
     ND_LIB_UpdateDataEntry(nullptr, nullptr, d.nd);
     ND_LIB_ProcSingleSubAndUnsub(d.nd, nullptr, 18, 0);
-}
-
-TEST_F(Store, ARequestThatFailsLeavesNothingBehind) {
-    const Item fresh{1, {1}, 1, {1, 2, 3}};
-    const Item sibling{1, {1}, 2, {4, 5}};
-    for (const bool withSibling : {false, true}) {
-        if (withSibling) {
-            d.Subscribe(sibling);
-        }
-        uint32_t failed = 0;
-        for (uint64_t call = 1;; ++call, ++failed) {
-            const auto before = world.LiveBytes();
-            const auto lists = consumer.subscribingList.count + consumer.unsubscribingList.count;
-            world.Fail({.op = sim::Op::kMalloc, .from = world.Calls(sim::Op::kMalloc) + call, .count = 1});
-            const uint32_t ret = Request(withSibling, fresh);
-            world.LiftAll();
-            ASSERT_EQ(BrokenInvariant(d.nd), "");
-            if (ret == ND_LIB_OK) {
-                break;
-            }
-            EXPECT_EQ(ret, ND_LIB_ERR_SUBSCRIBE);
-            EXPECT_EQ(world.LiveBytes(), before);
-            EXPECT_EQ(consumer.subscribingList.count + consumer.unsubscribingList.count, lists);
-            EXPECT_EQ(Find(fresh), nullptr);
-            const Lines lines = d.TakeTrace(0);
-            if (!withSibling && (call == 5 || call == 6)) { // and no line of the request's own
-                const std::string what = call == 5 ? " malloc failed" : " malloc keyValue failed";
-                EXPECT_EQ(lines, Lines{"ND_LIB_SearchOrCreateKeyEntry" + what});
-            }
-        }
-        // Node, data, key record, key; key entry and bytes unless there; entry and bytes.
-        EXPECT_EQ(failed, withSibling ? 6U : 8U);
-        // The last copy failing is not told: the item stands without its bytes.
-        EXPECT_EQ(Find(fresh)->dataLen, 0U);
-        EXPECT_EQ(consumer.maxValueLength, 7U);
-        ND_LIB_DeleteAllKeyEntry(d.nd);
-    }
-    // Nor when the item was there: kind and pacing stay as they were.
-    d.Subscribe(fresh);
-    Find(fresh)->sendCnt = 3;
-    world.Fail({.op = sim::Op::kMalloc, .from = world.Calls(sim::Op::kMalloc) + 5, .count = 1});
-    EXPECT_EQ(d.UnSubscribe(fresh), ND_LIB_OK);
-    EXPECT_EQ(Find(fresh)->subscribeState, ND_LIB_SUBSCRIBE);
-    EXPECT_EQ(Find(fresh)->sendCnt, 3U);
-    EXPECT_EQ(Find(fresh)->dataValue, nullptr);
-    EXPECT_EQ(consumer.subscribingList.count, 1U);
 }
 
 // ---- Batches ----
@@ -242,61 +153,6 @@ TEST_F(Batch, FillsMessagesToTheLastRecordForBothKinds) {
     }
 }
 
-TEST_F(Batch, MessagesAreClosedByTheLargestRecordEverStored) {
-    d.Subscribe({1, Bytes(3000, 1), 1, {}});
-    d.Subscribe({1, Bytes(3000, 1), 1, Bytes(980, 1)}); // in its place
-    d.Subscribe(NumberedItem(1)); // 3992 used, and a record as long as the first just fits
-    d.Subscribe(NumberedItem(2)); // but not behind this one
-    d.Run(1);
-    auto sent = d.Sent();
-    ASSERT_EQ(sent.size(), 2U);
-    EXPECT_EQ(sent[0].body.size(), 3992U + 16);
-    EXPECT_EQ(sent[1].body.size(), 16U);
-    // Once the largest no longer fits an empty message, every record travels alone.
-    d.Subscribe({1, Bytes(4000, 2), 1, Bytes(3973, 1)});
-    const auto messages = world.Calls(sim::Op::kMsgAlloc);
-    d.Subscribe(NumberedItem(3));
-    d.Run(1);
-    sent = d.Sent();
-    ASSERT_EQ(sent.size(), 1U);
-    EXPECT_EQ(sent[0].body, NumberedItem(3).Record());
-    EXPECT_EQ(world.Calls(sim::Op::kMsgAlloc) - messages, 3U); // even the first, empty one is replaced
-}
-
-TEST_F(Batch, AFailedSendReturnsItsEntriesUnchanged) {
-    RequestMany(3);
-    world.Fail({.op = sim::Op::kSend, .from = world.Calls(sim::Op::kSend) + 1, .count = 1, .code = 9});
-    d.Run(1);
-    EXPECT_EQ(d.TakeLog(), (std::vector<LogLine>{{0, "ND_LIB_SendMsg failed msgType:18, msgLen:64, ret:9"}}));
-    EXPECT_EQ(d.TakeTrace(0), Lines{"ND_LIB_SendMsg failed msgType:18, msgLen:64, ret:9"});
-    EXPECT_EQ(consumer.subscribingList.count, 3U);
-    EXPECT_EQ(Find(NumberedItem(0))->sendCnt, 0U);
-    EXPECT_EQ(Find(NumberedItem(0))->nextSendTime, 0U);
-    EXPECT_EQ(d.nd->statisticCnt[ND_LIB_STAT_SEND_SUBSCRIBE_DATA], 1U);
-    d.Run(1);
-    EXPECT_EQ(d.SentOne(NDPI_MSG_SUBSCRIBE_DATA).trans, base + 2);
-}
-
-TEST_F(Batch, AFailedSendInTheMiddleIsCarriedOnByTheNextAndRepairedByTime) {
-    RequestMany(500);
-    world.FailNext(sim::Op::kSend);
-    world.Fail({.op = sim::Op::kMsgAlloc, .from = world.Calls(sim::Op::kMsgAlloc) + 2, .count = 1});
-    d.Run(1); // stops early, which returns the entries
-    EXPECT_TRUE(d.Sent().empty());
-    EXPECT_EQ(consumer.subscribeTmpList.count, 0U);
-    EXPECT_EQ(consumer.subscribingList.count, 500U);
-    world.FailNext(sim::Op::kSend);
-    d.Run(1);
-    Ndpi second = d.SentOne(NDPI_MSG_SUBSCRIBE_DATA);
-    EXPECT_EQ(Find(NumberedItem(0))->sendTransNumber, second.trans); // though it was not in there
-    EXPECT_EQ(consumer.waitSubAckList.count, 500U);
-    d.Ack(second);
-    EXPECT_EQ(consumer.waitSubAckList.count, 499U);
-    d.Run(2);
-    d.Ack(d.SentOne(NDPI_MSG_SUBSCRIBE_DATA));
-    EXPECT_EQ(consumer.subscribeTree.count, 0U);
-}
-
 TEST_F(Batch, FailedAllocationsAreRecorded) {
     RequestMany(1);
     const uint32_t first = d.nd->secNow + 1;
@@ -312,21 +168,18 @@ TEST_F(Batch, FailedAllocationsAreRecorded) {
     world.FailNext(sim::Op::kMsgAlloc);
     EXPECT_EQ(ND_LIB_SendSeqErrorMsg(d.nd), ND_LIB_ERR);
     EXPECT_EQ(d.nd->statisticCnt[ND_LIB_STAT_SEND_SEQUENCE_ERROR], 0U);
-}
-
-TEST_F(Batch, EachControlRequestIsCounted) {
-    using Case = std::tuple<uint32_t (*)(ND_LIB_Instance *), uint8_t, uint32_t>;
-    for (const auto &[send, type, statistic] :
-         {Case{ND_LIB_SendRegisterMsg, 16, 0}, Case{ND_LIB_SendSubscribeBeginMsg, 17, 2},
-          Case{ND_LIB_SubscribeEndMsg, 19, 6}, Case{ND_LIB_SendSeqErrorMsg, 29, 13},
-          Case{ND_LIB_VerifySendSubBeginMsg, 21, 20}, Case{ND_LIB_VerifySendSubEndMsg, 22, 22}}) {
-        const uint32_t before = d.nd->statisticCnt[statistic];
-        d.nd->transNumber = 0x12345677;
-        EXPECT_EQ(send(d.nd), ND_LIB_OK);
-        const Ndpi sent = d.SentOne(type);
-        EXPECT_EQ(sent.trans, 0x12345678U);
-        EXPECT_TRUE(sent.body.empty());
-        EXPECT_EQ(d.nd->statisticCnt[statistic] - before, 1U) << int{type};
+    world.Fail({.op = sim::Op::kSend, .from = world.Calls(sim::Op::kSend) + 1, .count = 1, .code = 42});
+    (void)d.TakeTrace(0);
+    d.Run(1);
+    const std::string refused = "ND_LIB_SendMsg failed msgType:18, msgLen:32, ret:42";
+    EXPECT_EQ(d.TakeTrace(0), Lines{refused});
+    EXPECT_EQ(d.TakeLog().back(), (LogLine{0, refused}));
+    for (const bool bytes : {false, true}) { // of a new key, behind those of the request
+        const auto from = world.Calls(sim::Op::kMalloc) + (bytes ? 5U : 4U);
+        world.Fail({.op = sim::Op::kMalloc, .from = from, .count = 1});
+        EXPECT_EQ(d.UnSubscribe({1, {2}, 3, {}}), ND_LIB_ERR_SUBSCRIBE);
+        EXPECT_EQ(d.TakeTrace(0), Lines{std::string("ND_LIB_SearchOrCreateKeyEntry malloc ") +
+                                        (bytes ? "keyValue failed" : "failed")});
     }
 }
 

@@ -252,16 +252,6 @@ TEST_F(Debug, RefusedCallsChangeNothing) {
     EXPECT_EQ(Stored(), Lines(1, 5));
 }
 
-TEST_F(Debug, GrowsLineByLine) {
-    for (uint32_t line = 1; line <= 14; ++line) {
-        Trace(line, line);
-        EXPECT_EQ(d.nd->blackBox[0].curSize, std::min(10 * line, 100U));
-        EXPECT_EQ(Kilobytes(), d.nd->blackBox[0].curSize);
-        EXPECT_EQ(Stored(), Lines(1, line));
-    }
-    EXPECT_EQ(world.Allocations().back().memHandle, 0x11U);
-}
-
 TEST(DebugGrowth, LosesNothingUnderAPassAlsoWhenItFails) {
     const struct {
         Op op;

@@ -141,17 +141,6 @@ TEST(Fsm, RunsEachEventInEachStateAsTheMachineSays) {
     EXPECT_EQ(ND_LIB_FsmStateCheck(12, 9, 53) + ND_LIB_FsmStateCheck(12, 9, UINT32_MAX), 0U);
 }
 
-TEST(Fsm, KeepsTheLatestTransitions) {
-    sim::World world;
-    Driver d(world);
-    d.ToState(ND_LIB_FSM_COLLECT_SUBSCRIBE);
-    d.Run(18); // each second asks again, which is a transition
-    EXPECT_EQ(History(d.nd, 19), Numbers({20, 2, 2, 12}));
-    d.Run(1); // starts again from the first entry
-    EXPECT_EQ(History(d.nd, 0), Numbers({1, 2, 2, 12}));
-    EXPECT_EQ(History(d.nd, 1), Numbers({1, 1, 2, 1}));
-}
-
 TEST(Fsm, CountsUpToTheLastCodeAndWrapsAround) {
     sim::World world;
     const Driver d(world);

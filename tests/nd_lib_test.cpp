@@ -78,51 +78,18 @@ protected:
     Driver d{world};
 };
 
-TEST_F(Lifecycle, SettingsHaveTheirBounds) {
-    const uint16_t cycles[][2] = {{59, 60}, {3600, 3600}, {3601, 3600}, {0, 3600}, {60, 60}};
-    for (const auto &[cycle, kept] : cycles) {
-        EXPECT_EQ(ND_LIB_SetVerifyCycle(d.nd, cycle), cycle == kept ? ND_LIB_OK : ND_LIB_ERR_PARAM);
-        EXPECT_EQ(d.nd->verifyCycle, kept);
-    }
-    EXPECT_EQ((Numbers{ND_LIB_StartVerify(d.nd), d.nd->isNeedVerify}), (Numbers{ND_LIB_OK, 1}));
-    EXPECT_EQ((Numbers{ND_LIB_StopVerify(d.nd), d.nd->isNeedVerify}), (Numbers{ND_LIB_OK, 0}));
+TEST_F(Lifecycle, SettingsRefuseWhatTheyCannotUse) {
+    const Bytes opt(10001, 3);
+    EXPECT_EQ((Numbers{ND_LIB_AddOptionData(nullptr, opt.data(), 1), ND_LIB_AddOptionData(d.nd, nullptr, 1),
+                       ND_LIB_AddOptionData(d.nd, opt.data(), 10001)}),
+              Numbers(3, ND_LIB_ERR));
+    EXPECT_EQ(d.TakeLog(), (Log{{0, "AddOptionData malloc failed"}}));
+    EXPECT_EQ(d.nd->blackBox[0].bbHandle, nullptr); // log only
+    EXPECT_TRUE(world.Assertions().empty());
     EXPECT_EQ((Numbers{ND_LIB_StartVerify(nullptr), ND_LIB_StopVerify(nullptr),
                        ND_LIB_SetVerifyCycle(nullptr, 60)}),
               Numbers(3, ND_LIB_ERR));
     EXPECT_EQ(world.Assertions().size(), 3U);
-}
-
-TEST_F(Lifecycle, OptionDataIsACopyThatIsReplaced) {
-    Bytes opt(10001, 3);
-    const auto &held = d.nd->consumer.optionData;
-    EXPECT_EQ(ND_LIB_AddOptionData(nullptr, opt.data(), 1), ND_LIB_ERR);
-    EXPECT_EQ(ND_LIB_AddOptionData(d.nd, opt.data(), 10000), ND_LIB_OK);
-    opt[9999] = 4;
-    EXPECT_EQ(held[9999], 3);
-    EXPECT_EQ((Numbers{ND_LIB_AddOptionData(d.nd, nullptr, 1), held != nullptr}), (Numbers{ND_LIB_ERR, 1}));
-    EXPECT_EQ((Numbers{ND_LIB_AddOptionData(d.nd, opt.data(), 0), held != nullptr}), (Numbers{ND_LIB_OK, 1}));
-    EXPECT_EQ(ND_LIB_AddOptionData(d.nd, opt.data(), 10001), ND_LIB_ERR);
-    EXPECT_EQ(held, nullptr); // what was held is gone as well
-    EXPECT_EQ(d.TakeLog(), (Log{{0, "AddOptionData malloc failed"}}));
-    EXPECT_EQ(d.nd->blackBox[0].bbHandle, nullptr); // log only
-    EXPECT_TRUE(world.Assertions().empty());
-}
-
-TEST_F(Lifecycle, ALaterRegistrationReleasesWhatIsHeldAndNothingElse) {
-    d.ToState(ND_LIB_FSM_READY);
-    d.Subscribe(NumberedItem(1));
-    d.Run(1);
-    d.Subscribe(NumberedItem(2));
-    d.UnSubscribe(NumberedItem(3));
-    ND_LIB_AddOptionData(d.nd, "x", 1);
-    EXPECT_EQ(d.Register(), ND_LIB_OK);
-    const ND_LIB_ConsumerInfo &held = d.nd->consumer;
-    EXPECT_EQ((Numbers{held.subscribeTree.count, held.waitSubAckList.count, held.sendSubNum, d.State()}),
-              (Numbers{0, 0, 1, ND_LIB_FSM_READY}));
-    EXPECT_EQ(held.optionData, nullptr);
-    EXPECT_EQ(BrokenInvariant(d.nd), "");
-    d.Subscribe(NumberedItem(2));
-    ND_LIB_AddOptionData(d.nd, "x", 1); // goes with the instance, as do boxes and the running timer
 }
 
 TEST_F(Lifecycle, CopesWithoutAConsumer) {
@@ -195,20 +162,6 @@ TEST_F(Lifecycle, RepeatedNotificationsAreOnlyReported) {
     EXPECT_EQ(world.Assertions().size(), 3U);
 }
 
-TEST_F(Lifecycle, TheTimeIsThatOfTheLastEntry) {
-    uint32_t now = d.nd->secNow;
-    world.SetSeconds(now + 1000);
-    d.Subscribe(NumberedItem(1));
-    EXPECT_EQ(d.nd->secNow, now); // a request is no entry
-    const std::function<void()> entries[] = {[&] { (void)d.ReceiveBytes({}, 1); }, [&] { d.Up(); },
-                                             [&] { ND_LIB_TimeoutBackupTimer(d.nd); }};
-    for (const auto &enter : entries) {
-        world.SetSeconds(now += 1000);
-        enter();
-        EXPECT_EQ(d.nd->secNow, now);
-    }
-}
-
 // ---- The timer service ----
 
 TEST(Timers, ASetUpThatFailsLeavesAnInstanceWithoutTimers) {
@@ -234,31 +187,6 @@ TEST(Timers, ASetUpThatFailsLeavesAnInstanceWithoutTimers) {
     }
 }
 
-TEST_F(Lifecycle, TimersThatCannotBeStartedOrStopped) {
-    for (const sim::Op op : {sim::Op::kMalloc, sim::Op::kTimerCreate}) {
-        const auto held = world.LiveBytes();
-        world.FailNext(op);
-        EXPECT_EQ(ND_LIB_StartLoopTmr(d.nd, ND_LIB_TimeoutBackupTimer, 1000), 0U);
-        EXPECT_EQ(world.LiveBytes(), held);
-    }
-    for (const uint32_t unknown : {0U, 4711U}) {
-        uint32_t id = unknown;
-        EXPECT_EQ((Numbers{ND_LIB_StopTmr(d.nd, &id), id}), (Numbers{ND_LIB_OK, unknown}));
-    }
-    uint32_t none = 0;
-    ND_LIB_DeInitTmr(d.nd);
-    EXPECT_EQ(d.nd->tmrCtx, nullptr);
-    EXPECT_EQ((Numbers{ND_LIB_StopTmr(d.nd, &none), ND_LIB_InitTmr(d.nd)}), Numbers(2, ND_LIB_OK));
-    d.Up();
-    const uint32_t timer = d.nd->consumer.backupTimer;
-    world.FailNext(sim::Op::kTimerDelete);
-    d.Down();
-    EXPECT_EQ(d.nd->consumer.backupTimer, timer); // it goes on, and serves the next time
-    d.Up();
-    EXPECT_EQ(d.nd->consumer.backupTimer, timer);
-    world.FailNext(sim::Op::kTimerDelete); // met by the destruction
-}
-
 TEST_F(Lifecycle, ExpiriesThatBelongToNobody) {
     d.Up();
     world.DetachTimers(0x22);
@@ -280,19 +208,14 @@ TEST_F(Lifecycle, ExpiriesThatBelongToNobody) {
     EXPECT_EQ(ND_LIB_TmrLib_Timeout(5, 0, &param, d.nd), 0U);
     EXPECT_EQ(d.TakeLog(), (Log{{0, "ND get timer callback error."}}));
     EXPECT_EQ(d.TakeTrace(0).back(), "ND get timer callback error.");
-    uint32_t timer = ND_LIB_StartLoopTmr(d.nd, nullptr, 1000);
+    const uint32_t timer = ND_LIB_StartLoopTmr(d.nd, nullptr, 1000);
     EXPECT_NE(timer, 0U);
     ASSERT_EQ(world.Assertions().size(), 3U);
     EXPECT_EQ(world.Assertions()[1].source, "nd_lib_timer");
-    EXPECT_EQ((Numbers{ND_LIB_StopTmr(d.nd, &timer), timer}), (Numbers{ND_LIB_OK, 0}));
-}
-
-TEST_F(Lifecycle, InstancesKnowNothingOfEachOther) {
-    Driver other(world);
-    other.Subscribe(NumberedItem(1));
-    d.Up();
-    EXPECT_EQ((Numbers{d.nd->consumer.subscribeTree.count, other.State()}), (Numbers{0, ND_LIB_FSM_INIT}));
-    EXPECT_TRUE(other.TakeTrace(0).empty());
+    for (uint32_t id : {timer, 0U, 4711U}) { // running, none, unknown
+        const uint32_t left = id == timer ? 0 : id;
+        EXPECT_EQ((Numbers{ND_LIB_StopTmr(d.nd, &id), id}), (Numbers{ND_LIB_OK, left}));
+    }
 }
 
 } // namespace

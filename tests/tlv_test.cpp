@@ -1,4 +1,4 @@
-// The element walk and the subscription record, byte by byte.
+// The element walk, byte by byte.
 
 #include <gtest/gtest.h>
 
@@ -53,36 +53,6 @@ TEST(Tlv, TheWalkEndsAtTheFirstElementThatDoesNotFit) {
     Bytes body(sizeof(host));
     memcpy(body.data(), host, sizeof(host));
     EXPECT_EQ(Walk(body, 0), (std::vector<size_t>{0, 6}));
-}
-
-TEST(Tlv, TheSubscriptionRecord) {
-    uint8_t key[] = {10, 0, 0, 1};
-    uint8_t value[] = {1, 2, 3};
-    ND_LIB_KeyEntry keyEntry = {};
-    ND_LIB_DataEntry entry = {};
-    entry.keyEntry = &keyEntry;
-    struct Case {
-        uint16_t keyType, keyLen, dataType, dataLen;
-        Bytes record;
-    };
-    const Case cases[] = {
-        {1, 4, 7, 0, {0, 18, 0, 12, 0, 1, 0, 4, 10, 0, 0, 1, 0, 7, 0, 0}},
-        {1, 0, 7, 0, {0, 18, 0, 8, 0, 1, 0, 0, 0, 7, 0, 0}},
-        {0x1234, 1, 0xFFFE, 3, {0, 18, 0, 12, 0x12, 0x34, 0, 1, 10, 0xFF, 0xFE, 0, 3, 1, 2, 3}},
-    };
-    for (const Case &c : cases) {
-        keyEntry.keyType = c.keyType;
-        keyEntry.keyLen = c.keyLen;
-        keyEntry.keyValue = key;
-        entry.dataType = c.dataType;
-        entry.dataLen = c.dataLen;
-        entry.dataValue = value;
-        Bytes record(c.record.size(), 0xEE);
-        EXPECT_EQ(ND_LIB_BuildSubscribeMsg(record.data(), &entry), c.record.size());
-        EXPECT_EQ(record, c.record);
-    }
-    EXPECT_EQ(ND_LIB_BuildSubscribeMsg(nullptr, &entry), 0);
-    EXPECT_EQ(ND_LIB_BuildSubscribeMsg(key, nullptr), 0);
 }
 
 } // namespace
