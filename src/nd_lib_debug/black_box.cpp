@@ -82,11 +82,9 @@ int FormatStamp(ND_LIB_BlackBoxLine &line) {
     if (ZEP_GMT_SystimeGet(&gmt) != 0) {
         return -1;
     }
-    SysTime local = {};
+    SysTime local = gmt; // which stays when it cannot be converted: GMT says more than no time
     uint32_t flag = 1;
-    if (ZEP_Gmt2LocalTime(&gmt, &local, &flag) != 0) {
-        local = gmt; // a line in GMT says more than one without a time
-    }
+    (void)ZEP_Gmt2LocalTime(&gmt, &local, &flag);
     char *end = PutField(line, local.month, '-');
     end = PutField(end, local.day, ' ');
     end = PutField(end, local.hour, ':');

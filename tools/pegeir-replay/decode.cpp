@@ -35,21 +35,26 @@ std::string TypeText(const Kind &kind) {
            (kind.ack ? " acknowledgement" : "");
 }
 
-// Visits each element of the body and returns what is left over behind the last.
+// Visits each element of the body, which ends where the header says as it does for the library, and returns
+// what is left over behind the last.
 ByteView ForEachElement(ByteView message, const std::function<void(uint16_t, ByteView)> &visit) {
     if (message.size() < NDPI_HEADER_LEN) {
         return message;
     }
-    ByteView rest = message.subspan(NDPI_HEADER_LEN);
+    const size_t length = std::min<size_t>(message.size(), ndpi::ReadHeader(message.data()).msgLen);
+    if (length < NDPI_HEADER_LEN) {
+        return message.subspan(NDPI_HEADER_LEN);
+    }
+    ByteView rest = message.subspan(NDPI_HEADER_LEN, length - NDPI_HEADER_LEN);
     while (rest.size() >= ndpi::kTlvHeadLen) {
-        const uint16_t length = wire::LoadU16(rest.data() + 2);
-        if (rest.size() - ndpi::kTlvHeadLen < length) {
+        const uint16_t valueLength = wire::LoadU16(rest.data() + 2);
+        if (rest.size() - ndpi::kTlvHeadLen < valueLength) {
             break;
         }
-        visit(wire::LoadU16(rest.data()), rest.subspan(ndpi::kTlvHeadLen, length));
-        rest = rest.subspan(ndpi::kTlvHeadLen + length);
+        visit(wire::LoadU16(rest.data()), rest.subspan(ndpi::kTlvHeadLen, valueLength));
+        rest = rest.subspan(ndpi::kTlvHeadLen + valueLength);
     }
-    return rest;
+    return message.last(message.size() - length + rest.size());
 }
 
 // Reads the value of a subscription record.  The data bytes may be missing, as they may in an
@@ -82,12 +87,14 @@ Kind KindOf(ByteView message) {
 
 std::vector<Request> RequestsOf(ByteView message) {
     std::vector<Request> requests;
-    const uint8_t type = KindOf(message).type;
+    const Kind kind = KindOf(message);
+    const uint8_t type = kind.type;
     if (HoldsRequests(type)) {
         (void)ForEachElement(message, [&](uint16_t element, ByteView value) {
             Request request;
             request.subscribe = type == NDPI_MSG_SUBSCRIBE_DATA;
-            if (element == NDPI_TLV_SUBSCRIBE_RECORD && ReadRequest(value, request)) {
+            // Of what is acknowledged the library does not look at the type of the element.
+            if ((kind.ack || element == NDPI_TLV_SUBSCRIBE_RECORD) && ReadRequest(value, request)) {
                 requests.push_back(std::move(request));
             }
         });
