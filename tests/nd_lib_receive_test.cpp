@@ -228,6 +228,9 @@ TEST_F(Receive, AcknowledgedRecordsAreReportedOneByOne) {
                          "ProcSubAndUnsubAck tlvType=18, tlvLen=11"};
     EXPECT_EQ(d.TakeTrace(1), lines);
     EXPECT_EQ(log, (std::vector<LogLine>{{3, lines[0]}, {0, lines[1]}, {0, lines[2]}}));
+    EXPECT_EQ(ND_LIB_ParseSubAndUnsubData(d.nd, whole.data(), 18, 1), ND_LIB_OK);
+    EXPECT_EQ(ND_LIB_ParseSubAndUnsubData(d.nd, Tlv(18, {1}).data(), 18, 1), ND_LIB_ERR_MSG);
+    EXPECT_EQ(ND_LIB_ParseSubAndUnsubData(d.nd, nullptr, 18, 1), ND_LIB_ERR_MSG);
 }
 
 TEST(DataRecord, IsHandedOverWithItsHeadInHostOrderAtAnyAlignment) {
