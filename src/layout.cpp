@@ -17,6 +17,8 @@ constexpr size_t Here(size_t with4, size_t with8) {
     static_assert(sizeof(record) == Here(with4, with8), #record " has not its size")
 #define FIELD(record, field, with4, with8)                                                                   \
     static_assert(offsetof(record, field) == Here(with4, with8), #record "::" #field " is not in its place")
+#define WIDTH(record, field, bytes)                                                                          \
+    static_assert(sizeof(record::field) == (bytes), #record "::" #field " has not its width")
 
 // ---- Tables that the consumer passes, and what it is handed ----
 
@@ -196,6 +198,17 @@ FIELD(BlackBoxHead, reserved1, 0, 0);
 FIELD(BlackBoxHead, usable, 4, 4);
 FIELD(BlackBoxHead, reserved2, 8, 8);
 FIELD(BlackBoxHead, line, 24, 24);
+
+// ---- Widths ----
+//
+// Where a pointer has 4 bytes, a field ends where the next one begins, and its place tells its width too.
+// Behind these are gaps, into which they could grow unnoticed.
+
+WIDTH(ND_LIB_ConsumerInfo, ctrlMsgSendCnt, 1);
+WIDTH(ND_LIB_ConsumerInfo, maxValueLength, 2);
+WIDTH(ND_LIB_ConsumerInfo, fsmRecordNum, 1);
+WIDTH(ND_LIB_DataEntry, sendCnt, 1);
+WIDTH(ND_LIB_NdpiMsgProc, msgType, 1);
 
 static_assert(alignof(ND_LIB_TlvHead) == 1, "received records lie at any address");
 
