@@ -8,7 +8,9 @@ add_test(NAME Dissector.ShowsEveryPacket COMMAND ${dissector_test} bytes ${disse
 add_test(NAME Dissector.SurvivesMutants COMMAND ${dissector_test} mutants ${dissector} 2000)
 set_tests_properties(Dissector.ShowsEveryPacket Dissector.SurvivesMutants PROPERTIES LABELS dissector)
 if(PEGEIR_BUILD_PROGRAMS AND PEGEIR_CAPTURE)
+  pegeir_runnable(component pegeir-component)
+  pegeir_runnable(watch pegeir-watch)
   add_test(NAME Dissector.ReadsWhatTheProgramsRecord
-           COMMAND ${dissector_test} programs ${dissector} $<TARGET_FILE:pegeir-component> $<TARGET_FILE:pegeir-watch>)
+           COMMAND ${dissector_test} programs ${dissector} ${component} ${watch})
   set_tests_properties(Dissector.ReadsWhatTheProgramsRecord PROPERTIES LABELS "dissector;programs")
 endif()

@@ -19,7 +19,8 @@ if(PEGEIR_BUILD_PROGRAMS)
   target_include_directories(readme_consumer PRIVATE ${PROJECT_SOURCE_DIR}/component/include)
   target_link_libraries(readme_consumer PRIVATE pegeir_compile pegeir pegeir_linux)
   target_compile_options(readme_consumer PRIVATE -Wno-unused-parameter) # callbacks need not use all
-  add_test(NAME Docs.ReadmeConsumerBecomesReady COMMAND ${docs_test} run "${emulator} $<TARGET_FILE:pegeir-component>"
-                                                        "${emulator} $<TARGET_FILE:readme_consumer>")
+  pegeir_runnable(component pegeir-component)
+  pegeir_runnable(consumer readme_consumer)
+  add_test(NAME Docs.ReadmeConsumerBecomesReady COMMAND ${docs_test} run ${component} ${consumer})
   set_tests_properties(Docs.DiagramIsCurrent Docs.ReadmeConsumerBecomesReady PROPERTIES LABELS "docs;programs")
 endif()

@@ -8,7 +8,6 @@ docs_test.py run COMPONENT CONSUMER   that consumer, run against the component, 
 import os
 import pathlib
 import re
-import shlex
 import subprocess
 import sys
 import tempfile
@@ -48,10 +47,10 @@ def consumer(readme, output):
 def run(component, program):
     with tempfile.TemporaryDirectory() as directory:
         environment = {**os.environ, "PEGEIR_RUNTIME_DIR": directory + "/run"}
-        server = subprocess.Popen(shlex.split(component), env=environment, stdout=subprocess.PIPE, text=True)
+        server = subprocess.Popen([component], env=environment, stdout=subprocess.PIPE, text=True)
         try:
             print(server.stdout.readline(), end="")
-            result = subprocess.run(shlex.split(program), env=environment, stdout=subprocess.PIPE, text=True, timeout=30)
+            result = subprocess.run([program], env=environment, stdout=subprocess.PIPE, text=True, timeout=30)
         finally:
             server.terminate()
             code = server.wait()

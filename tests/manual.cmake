@@ -8,8 +8,8 @@ add_test(NAME Manual.HasEveryCall COMMAND ${manual_test} calls ${manual}/pegeir.
 set_tests_properties(Manual.HasEveryCall PROPERTIES LABELS docs)
 if(PEGEIR_BUILD_PROGRAMS)
   foreach(program pegeir-component pegeir-watch pegeir-replay)
-    add_test(NAME Manual.HasEveryOption.${program} COMMAND ${manual_test} options ${manual}/${program}.1
-                                                           "${emulator} $<TARGET_FILE:${program}>")
+    pegeir_runnable(runnable ${program})
+    add_test(NAME Manual.HasEveryOption.${program} COMMAND ${manual_test} options ${manual}/${program}.1 ${runnable})
     set_tests_properties(Manual.HasEveryOption.${program} PROPERTIES LABELS "docs;programs")
   endforeach()
 endif()

@@ -6,13 +6,12 @@ manual_test.py calls PAGE HEADER      the page has every operation that HEADER d
 
 import pathlib
 import re
-import shlex
 import subprocess
 import sys
 
 
 def options(page, program):
-    result = subprocess.run([*shlex.split(program), "--help"], capture_output=True, text=True, check=True)
+    result = subprocess.run([program, "--help"], capture_output=True, text=True, check=True)
     shown = set(re.findall(r"(?<![\w-])--?[a-z][\w-]*", result.stdout))
     items = re.findall(r"^\.It Fl (.*)$", page, re.MULTILINE)
     return shown, {"-" + part.split()[0] for item in items for part in item.split(" , ")}

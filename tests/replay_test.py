@@ -1,6 +1,6 @@
 """Plays back what the programs record.
 
-replay_test.py REPLAY COMPONENT WATCH COMPILE LINK   COMPILE, LINK: how to build a test, ;-separated
+replay_test.py REPLAY COMPONENT WATCH COMPILE LINK EMULATOR   the last three: how to build and run a test, ;-separated
 
 One session is recorded: a component that is started late, killed in the middle of its service and started
 again, updates, a verification pass, a consumer that ends in order.  What is played back is that recording,
@@ -17,7 +17,7 @@ import sys
 import tempfile
 import time
 
-REPLAY, COMPONENT, WATCH, COMPILE, LINK = sys.argv[1:6]
+REPLAY, COMPONENT, WATCH, COMPILE, LINK, EMULATOR = sys.argv[1:7]
 PCAP = struct.Struct("=IHHiIII")
 RECORD = struct.Struct("=IIII")
 HEAD = struct.Struct(">3sBBBHIIIIIIIII")
@@ -201,7 +201,7 @@ def check_to_test(consumer):
         subprocess.run([*filter(None, COMPILE.split(";")), source, "-o", program, *LINK.split(";")], check=True,
                        timeout=120)
         print(f"compiled {len(text.splitlines())} lines in {time.monotonic() - begin:.1f} s")
-        done = subprocess.run([program], stdout=subprocess.PIPE, text=True, timeout=60)
+        done = subprocess.run([*filter(None, EMULATOR.split(";")), program], stdout=subprocess.PIPE, text=True, timeout=60)
         assert done.returncode == expected, done.stdout[-3000:]
 
 
