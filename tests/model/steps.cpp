@@ -42,8 +42,10 @@ const Steps kCommon = {
 const Steps kRare = {
     {Do::kRegister}, {Do::kComponent, 2}, {Do::kCycle, 3700}, {Do::kClock, 7200}, {Do::kClock, kAny}, {Do::kRenew},
     {Do::kNumber, 3}, {Do::kSubscribe, 10002, 9}, {Do::kFail, 4, 5, 2}, {Do::kFail, 2, 9, 1}};
-const Steps kLimits = { // the longest record, sends until the pace stays, a second message for one byte
-    {Do::kSubscribe, 7968, 4}, {Do::kTick, 4000}, {Do::kConsumer, 2, 19, 428}, {Do::kConsumer, 2, 19, 427}};
+// The longest record, sends until the pace stays (which takes time), a second message for the last byte.
+const Steps kLimits = {
+    {Do::kSubscribe, 7968, 4}, {Do::kSubscribe, 7968, 4}, {Do::kTick, 3700}, {Do::kConsumer, 2, 19, 428},
+    {Do::kConsumer, 2, 19, 428}, {Do::kConsumer, 2, 19, 427}, {Do::kConsumer, 2, 10, 1583}, {Do::kConsumer, 2, 6, 2648}};
 // clang-format on
 
 // Damages a message on its way; twist 0 leaves it whole.
