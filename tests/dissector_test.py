@@ -185,16 +185,30 @@ def check_malformed(path):
 def check_downloads(path):
     """What is out of order over several packets."""
     packet.number = -1
-    write(path, [
-        message(OUT, 16, 1), message(OUT, 16, 2), message(IN, 16, 1, ack=True),
-        message(IN, 23, 1, 5), message(IN, 24, 2, 6, ITEM), message(IN, 25, 3, 7), message(IN, 25, 4, 8),
-        packet(PEER, IN, bytes(4)), message(IN, 16, 2, ack=True)])
-    experts = [row[0] for row in fields(path, "_ws.expert.message")]
-    for row, says in [(1, "the same request in frame 1 had not been acknowledged"), (2, "there has been a later"),
-                      (4, "sequence number 6, but 5 was expected"), (6, "sequence number 8, but 7 was expected"),
-                      (8, "what this acknowledges is not in this capture")]:
-        assert says in experts[row], (row, says, experts)
-    assert "expected" not in experts[3] + experts[5], experts
+    update = {"kind": 26, "number": 7, "body": NEIGHBOUR}
+    rows = [ # each with what its expert items say and the frame that acknowledges it
+        (message(OUT, 16, 1), "", "3"), (message(OUT, 16, 2), "the same as frame 1,", "11"),
+        (message(IN, 16, 1, ack=True), "there has been a later", ""),
+        (message(IN, 23, 1, 5), "not acknowledged", ""), (message(IN, 24, 2, 5), "a message of data without any", ""),
+        (message(IN, 24, 3, 6, ITEM), "sequence number 6, but 5 was expected", ""),
+        (message(IN, 24, 4, 5, ITEM), "", ""),
+        (message(IN, 25, 5, 7), "sequence number 7, but 6 was expected", ""),
+        (message(IN, 25, 6, 6), "the same as frame 8,", "10"), (message(OUT, 25, 6, ack=True), "", ""),
+        (message(IN, 16, 2, ack=True), "", ""), (message(OUT, 17, 3), "", "14"),
+        (message(OUT, 17, 4, result=1), "refused: receiver's queue full", ""),
+        (message(IN, 17, 3, ack=True), "there has been a later", ""),
+        (message(IN, **update), "", "17"), (message(IN, **update), "the same as frame 15,", "17"),
+        (message(OUT, ack=True, **update), "", ""), (message(IN, **update), "the same as frame 16,", "19"),
+        (message(OUT, ack=True, **update), "", ""),
+        (packet(TIMER, OUT, struct.pack(">III", 1, 0, 1000), result=1), "refused: result 1", ""),
+        (packet(PEER, IN, bytes(4)), "", ""),
+        (message(IN, 17, 3, ack=True), "what this acknowledges is not in this capture", "")]
+    write(path, [row[0] for row in rows])
+    for shown, (_, says, ack) in zip(fields(path, "_ws.expert.message", "pegeir.ack_in"), rows, strict=True):
+        assert (says in shown[0] if says else not shown[0]) and shown[1] == ack, (shown, says, ack)
+        assert "expected" in says or "expected" not in shown[0], shown
+    results = re.findall("Result: (.*[1-9].*)", tshark(path, "-V"))
+    assert results == ["receiver's queue full (1)", "1"], results
 
 
 def mutants(path, count, seed):

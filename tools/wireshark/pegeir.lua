@@ -30,7 +30,7 @@ local TIMER_REQUESTS = { [1] = "create", [2] = "delete" }
 
 -- Each message: its name; what it is called in other sentences; the sentence about it, of sender,
 -- receiver and what the body holds; who originates it.  numbered: has a place in a download.  single:
--- is repeated until acknowledged, one at a time.
+-- is repeated until acknowledged, one at a time, perhaps under another number; others keep theirs.
 local TYPES = {
   [16] = { name = "NDPI_MSG_REGISTER", noun = "registration", says = "%s registers with %s",
            library = true, single = true },
@@ -94,6 +94,7 @@ local f = {
   subIntf = ProtoField.uint32("pegeir.sub_interface", "Sub-interface"),
   iid = ProtoField.uint32("pegeir.receiver_iid", "Receiver IID"),
   result = ProtoField.uint32("pegeir.result", "Result", base.DEC, RESULTS),
+  otherResult = ProtoField.uint32("pegeir.result", "Result"),
   clock = ProtoField.relative_time("pegeir.clock", "Monotonic clock"),
   number = ProtoField.uint32("pegeir.number", "Packet in the recording"),
 
@@ -191,7 +192,8 @@ local function recorder(id)
 end
 
 -- requests: frames by type and number.  waiting: the frame of each type that is repeated.
--- expected: the next sequence number of a download; open: whether one is under way.
+-- last: the number that the library has used last.  expected: the sequence number that the library takes
+-- next in a download; open: whether one is under way.
 local function pairOf(from, originator, receiver)
   local key = originator .. ">" .. receiver
   from.pairs[key] = from.pairs[key] or { requests = {}, waiting = {} }
@@ -219,13 +221,22 @@ end
 local function rememberRequest(fact, open, msg, head, frame)
   fact.isRequest = true
   fact.clock = head
-  local waiting = open.waiting[msg.type]
+  local waiting, key = open.waiting[msg.type], msg.type .. "/" .. msg.trans
   if TYPES[msg.type].single then
     if waiting and not facts[waiting].ackIn then fact.repeats = waiting end
     open.waiting[msg.type] = frame
+  else
+    fact.repeats = open.requests[key]
   end
-  open.requests[msg.type .. "/" .. msg.trans] = frame
+  fact.same = open.requests[key]
+  open.requests[key] = frame
   if TYPES[msg.type].library then open.last = msg.trans end
+end
+
+local function timeBetween(from, to)
+  local seconds, nanoseconds = to.seconds - from.seconds, to.nanoseconds - from.nanoseconds
+  if nanoseconds < 0 then seconds, nanoseconds = seconds - 1, nanoseconds + 1000000000 end
+  return { seconds, nanoseconds }
 end
 
 local function rememberAck(fact, open, msg, head, frame)
@@ -233,17 +244,19 @@ local function rememberAck(fact, open, msg, head, frame)
   fact.isAck = true
   fact.requestIn = asked
   if not asked then return end
-  local request = facts[asked]
-  request.ackIn = request.ackIn or frame
-  local seconds, nanoseconds = head.seconds - request.clock.seconds, head.nanoseconds - request.clock.nanoseconds
-  if nanoseconds < 0 then seconds, nanoseconds = seconds - 1, nanoseconds + 1000000000 end
-  fact.time = { seconds, nanoseconds }
-  request.time = request.time or fact.time
+  fact.time = timeBetween(facts[asked].clock, head)
+  -- Which of several with the same number is meant cannot be told: it answers all that wait.
+  while asked and not facts[asked].ackIn do
+    local request = facts[asked]
+    request.ackIn, request.time = frame, timeBetween(request.clock, head)
+    asked = request.same
+  end
   fact.late = TYPES[msg.type].library and TYPES[msg.type].single and open.last ~= msg.trans
 end
 
 local function rememberDownload(fact, open, msg)
   local role = TYPES[msg.type].numbered
+  if role == "data" and msg.length == HEADER_SIZE then return end -- refused before its number is looked at
   if role == "begin" then
     open.expected, open.open = msg.sequence, true
     return
@@ -253,18 +266,24 @@ local function rememberDownload(fact, open, msg)
   elseif not open.open and role == "data" then
     fact.outside = true
   end
-  if role == "data" then
+  -- The library goes on expecting what is missing, whatever comes, until a download begins anew.
+  if role == "end" then
+    open.open = false
+  elseif not fact.expected then
     open.expected = (msg.sequence + 1) % 2 ^ 32
-  else
-    open.expected, open.open = msg.sequence, false
   end
 end
 
 -- Finds out what the packets before say about this message.
 local function remember(fact, head, msg, frame)
   local type = TYPES[msg.type]
-  if not type or head.result ~= 0 then return end
+  if not type then return end
   local from = recorder(head.recorder)
+  if head.result ~= 0 then
+    -- The number of a request that was refused is used up all the same.
+    if type.library and not msg.ack then pairOf(from, head.sender, head.receiver).last = msg.trans end
+    return
+  end
   if msg.ack then
     rememberAck(fact, pairOf(from, head.receiver, head.sender), msg, head, frame)
     return
@@ -499,7 +518,7 @@ local function addFacts(tree, fact, msg, visited)
   generated(f.time, fact.time and NSTime(fact.time[1], fact.time[2]))
   generated(f.expected, fact.expected)
   if fact.repeats then
-    mark(tree, e.unanswered, "the same request in frame %d had not been acknowledged", fact.repeats)
+    mark(tree, e.unanswered, "the same as frame %d, whose acknowledgement had not reached the sender", fact.repeats)
   end
   -- Only a second pass has seen what follows.
   if visited and fact.isRequest and not fact.ackIn then
@@ -615,7 +634,7 @@ local function addHead(tree, bytes)
   tree:add(f.intf, bytes(16, 4))
   head.subIntf = add(tree, f.subIntf, bytes, 20, 4)
   tree:add(f.iid, bytes(24, 4))
-  head.result = add(tree, f.result, bytes, 28, 4)
+  head.result = add(tree, head.kind == 3 and f.result or f.otherResult, bytes, 28, 4)
   head.seconds, head.nanoseconds = bytes(32, 4):uint(), bytes(36, 4):uint()
   tree:add(f.clock, bytes(32, 8), NSTime(head.seconds, head.nanoseconds))
   head.number = add(tree, f.number, bytes, 40, 4)
