@@ -75,6 +75,10 @@ void Wait(bool &stepping) {
 }
 
 int Replay(const Options &options) {
+    if (options.steps && options.file == "-") {
+        throw CLI::ValidationError("--step reads Enter from standard input, where the recording cannot come "
+                                   "from as well; give the name of a file");
+    }
     const double until = TimeOf(options.until);
     double diagnose = options.diagnose.empty() ? -1 : TimeOf(options.diagnose); // below 0: no reports
     std::string error;
