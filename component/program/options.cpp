@@ -35,7 +35,7 @@ std::optional<int> ReadOptions(int argc, const char *const *argv, Options &optio
                  "to any number of pegeir consumers.",
                  "pegeir-component");
     app.footer(kFooter);
-    app.set_version_flag("--version", PEGEIR_VERSION);
+    app.set_version_flag("--version", "pegeir-component " PEGEIR_VERSION);
 
     bool verbose = false;
     bool quiet = false;
