@@ -20,7 +20,6 @@ target_compile_options(
   INTERFACE -Wall
             -Wextra
             -Wpedantic
-            -Werror
             -Wshadow
             -Wconversion
             -Wsign-conversion
@@ -29,6 +28,9 @@ target_compile_options(
             -Wcast-align
             $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
             $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>)
+if(PROJECT_IS_TOP_LEVEL) # a warning of somebody's newer compiler must not end the build of their project
+  target_compile_options(pegeir_compile INTERFACE -Werror)
+endif()
 if(PEGEIR_SANITIZE)
   target_compile_options(pegeir_compile INTERFACE -O1 -fsanitize=address,undefined -fno-sanitize-recover=all
                                                   -fno-omit-frame-pointer)
