@@ -32,16 +32,21 @@ need() {
 BUILD_PACKAGES=(g++ cmake ninja-build libmnl-dev libcli11-dev nlohmann-json3-dev libpcap0.8-dev)
 TEST_PACKAGES=(libgtest-dev iproute2 binutils python3 tshark abigail-tools)
 
-# build PRESET: configures and builds; what it prints is shown only when it fails, or on a terminal.
+# build PRESET [ARGUMENT...]: configures and builds, with the arguments for the build, such as: --target pegeir
+# What it prints is shown only when it fails, or on a terminal.
 build() {
-  local log
+  local log preset=$1
+  shift
   log=$(mktemp)
   if [ -t 1 ]; then
-    cmake --preset "$1" >"$log" && cmake --build --preset "$1" || { cat "$log"; fail "the $1 build failed"; }
+    cmake --preset "$preset" >"$log" && cmake --build --preset "$preset" "$@" || {
+      cat "$log"
+      fail "the $preset build failed"
+    }
   else
-    { cmake --preset "$1" && cmake --build --preset "$1"; } >"$log" 2>&1 || {
+    { cmake --preset "$preset" && cmake --build --preset "$preset" "$@"; } >"$log" 2>&1 || {
       tail -n 60 "$log"
-      fail "the $1 build failed"
+      fail "the $preset build failed"
     }
   fi
   rm -f "$log"
