@@ -60,7 +60,7 @@ void Play::Remedy() {
     const ND_LIB_TmrCtx *timers = d ? d->nd->tmrCtx : nullptr;
     if (timers == nullptr || timers->tmrInstHandle == 0) {
         remedies += d ? 1U : 0U;
-        component.Restart();
+        component.NewConsumer();
         Create();
         downFor = downFor == 0 ? 1 : downFor;
     } else if (downFor == 0 && d->nd->consumer.backupTimer == 0) {

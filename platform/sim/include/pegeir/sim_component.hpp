@@ -12,8 +12,9 @@
 //     component.Restart();                 // and tell the consumer that the component went and came
 //
 // It serves one consumer, which finds all of it: what the protocol leaves to the component is done in the
-// simplest way.  Requests older than one that it has taken are ignored, for their numbers only grow: what
-// a bad link has delayed or doubled does not undo what came after it.
+// simplest way.  Requests not newer than one that it has taken are ignored, for their numbers only grow:
+// what a bad link has delayed or doubled does not undo what came after it.  A consumer that is made anew
+// begins to number again, which the component has to be told: NewConsumer.
 #ifndef PEGEIR_SIM_COMPONENT_HPP
 #define PEGEIR_SIM_COMPONENT_HPP
 
@@ -51,6 +52,10 @@ public:
     // Forgets everything it was told, as a component that starts anew, but goes on numbering.  Whether
     // and when the consumer is told is up to the test.
     void Restart();
+    // Call this when the consumer is made anew, before it registers: takes its numbers from wherever they
+    // begin.  Without it, what the new consumer sends, its registrations too, counts as not newer than what
+    // the one before it sent.  The registration, which comes first, makes the component forget the rest.
+    void NewConsumer() { newest.reset(); }
     // Sends an update with these elements, once earlier ones and downloads have been acknowledged.
     void Update(Bytes elements);
     // Makes the next download skip a sequence number.
@@ -95,7 +100,7 @@ private:
     std::uint32_t consumer;
     std::uint32_t trans;
     std::uint32_t seq;
-    std::optional<std::uint32_t> newest; // request taken since the restart
+    std::optional<std::uint32_t> newest; // request taken of this consumer since the restart
     std::optional<Message> awaited;
     std::vector<Bytes> updates;
     std::map<ItemName, Bytes> items;
