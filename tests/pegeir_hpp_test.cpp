@@ -55,7 +55,9 @@ struct Peer final : Consumer {
     void OnVerifyEnd(ClientRef nd) override { told += nd.StopVerify() == Result::kOk ? 'v' : 'X'; }
     void OnLog(ClientRef, LogLevel, const char *, std::va_list arguments) override {
         logged = va_arg(arguments, uint32_t); // the id of the component comes first
+        endsInside ? client.Close() : void();
     }
+    bool endsInside = false;
     uint8_t id;
     uint32_t logged = 0;
     std::string told;
@@ -84,10 +86,14 @@ TEST(Hpp, ResultsAndSpansOfAnyLength) {
     EXPECT_EQ(peer.client.Unsubscribe({1, most}, {1, most}), Result::kOk);
     EXPECT_EQ(peer.client.AddOptionData({}), Result::kOk);
     EXPECT_EQ(peer.client.SetVerifyCycle(0x10000 + 60), Result::kParameter);
+    EXPECT_EQ(peer.client.Diagnose({}, true).result, Result::kBufferLength);
     char all[2048];
     for (const bool restart : {true, false, true}) {
         EXPECT_EQ(peer.client.Diagnose(all, restart).text.find("unsubscribingList num: 1") < 2048, restart);
     }
+    peer.endsInside = true;
+    peer.client.NotifyComponent(false); // reports several times, the first of which ends the client
+    EXPECT_TRUE(world.Assertions().size() == 1 && !world.Leaks().empty());
 }
 
 TEST(Hpp, EndsWithoutATraceAtAnyTime) {

@@ -68,10 +68,12 @@ typedef struct ND_LIB_Instance ND_LIB_Instance;
 
 enum {
     ND_LIB_OK = 0,            /* success */
-    ND_LIB_ERR = 1,           /* missing argument, no memory, send failed, component not available */
+    ND_LIB_ERR = 1,           /* missing argument, no memory, component not available, option data
+                                 above 10000 bytes, refused inside a callback */
     ND_LIB_ERR_DIAG_END = 2,  /* this was the last diagnose page */
     ND_LIB_ERR_SUBSCRIBE = 5, /* a request could not be built or stored */
-    ND_LIB_ERR_PARAM = 6,     /* invalid registration table, verification cycle out of range */
+    ND_LIB_ERR_PARAM = 6,     /* invalid registration table, registration without an instance or inside
+                                 a callback, verification cycle out of range */
     ND_LIB_ERR_MSG = 7,       /* received message refused */
     ND_LIB_ERR_SEQUENCE = 8,  /* received download message out of sequence */
     ND_LIB_ERR_BUFLEN = 10    /* diagnose buffer shorter than ND_LIB_DIAG_MIN_BUFFER */

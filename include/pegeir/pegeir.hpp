@@ -40,7 +40,8 @@
 // A callback finds its Consumer through the appLocal of the instance, 32 bits, which therefore is not the
 // consumer's own here.  Where an address fits, it is the address; else it is an index into a table of
 // kMaxClients entries.  The table is the one global of this header, and lock-free: distinct clients may
-// live in distinct threads.
+// live in distinct threads.  The shared objects of a process share it, also when their symbols are hidden,
+// unless a linker or loader keeps it apart: a client ends in the shared object that made it.
 #ifndef PEGEIR_PEGEIR_HPP
 #define PEGEIR_PEGEIR_HPP
 
@@ -80,13 +81,13 @@ enum class [[nodiscard]] Result : std::uint32_t{
     case Result::kOk:
         return "success";
     case Result::kError:
-        return "no client, no memory, or the component is not available";
+        return "no client, no memory, no component, too long option data, or refused inside a callback";
     case Result::kDiagnoseEnd:
         return "this was the last diagnose page";
     case Result::kSubscribe:
         return "the request could not be built or stored";
     case Result::kParameter:
-        return "a value is out of its range";
+        return "a value is out of its range, or a callback has registered";
     case Result::kMessage:
         return "the message was refused";
     case Result::kSequence:
@@ -180,9 +181,11 @@ public:
     // ND_LIB_GetDiagnoseInfo: writes the next page into buffer; with restart, the first.
     // kDiagnoseEnd without an instance.
     Page Diagnose(std::span<char> buffer, bool restart) const noexcept {
+        char none = 0; // an empty span may have no address, and is too short all the same
+        char *const memory = buffer.empty() ? &none : buffer.data();
         std::uint32_t length = 0;
         const std::uint32_t result =
-            ND_LIB_GetDiagnoseInfo(native, buffer.data(), Length(buffer.size()), &length, restart ? 1 : 0);
+            ND_LIB_GetDiagnoseInfo(native, memory, Length(buffer.size()), &length, restart ? 1 : 0);
         return {static_cast<Result>(result), {buffer.data(), std::min<std::size_t>(length, buffer.size())}};
     }
 
@@ -207,7 +210,10 @@ private:
         return new (memory) ND_LIB_ItemHead{item.type, length};
     }
 
-    // Takes as much stack as the bytes need, and not inline: a loop would pile it up.
+    // Takes as much stack as the bytes need, and not inline: a loop would pile it up.  The bound is
+    // checked first, so a consumer's build need not warn of it.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Walloca"
     [[gnu::noinline]] Result Request(RequestFunc request, const Item &key, const Item &data) const noexcept {
         if (key.bytes.size() > kMaxItemBytes || data.bytes.size() > kMaxItemBytes) {
             return Result::kSubscribe;
@@ -216,6 +222,7 @@ private:
         void *const dataMemory = __builtin_alloca(sizeof(ND_LIB_ItemHead) + data.bytes.size());
         return static_cast<Result>(request(native, Lay(keyMemory, key), Lay(dataMemory, data)));
     }
+#pragma GCC diagnostic pop
 };
 
 // ---- The callbacks -------------------------------------------------------------------------------
@@ -235,7 +242,9 @@ enum class LogLevel : std::uint32_t {
 // What the library tells a consumer and asks it.  All but OnLog run from Client::Process; each is handed
 // the client that it concerns, so one consumer can serve several clients.
 // In a callback the client must not be closed, assigned to or destroyed, nor process, notify or register;
-// it may be moved from.
+// it may be moved from.  A client that is ended there all the same lets go of its instance, which is asserted
+// and not released.  No callback comes from it then; where an address fits appLocal, they come until the
+// call under way returns.
 class Consumer {
 public:
     Consumer(const Consumer &) = delete; // the client holds on to this object
@@ -258,9 +267,9 @@ public:
     // A verification pass is complete; comes again like the end of a download.
     virtual void OnVerifyEnd(ClientRef /*client*/) {}
 
-    // A report of the library (ND_LIB_LogFunc), from within any call on the client, its creation and its
-    // end included.  format and arguments are printf's, valid during the call, and may be read once.  A
-    // callback that makes a request in here must guard against being entered again.
+    // A report of the library (ND_LIB_LogFunc), from within a call on the client.  format and arguments are
+    // printf's, valid during the call, and may be read once.  A callback that makes a request in here must
+    // guard against being entered again.
     virtual void OnLog(ClientRef client, LogLevel level, const char *format, std::va_list arguments)
         ND_LIB_PRINTF(4, 0);
 
@@ -279,7 +288,7 @@ namespace detail {
 
 inline constexpr bool kWordHoldsAddress = sizeof(void *) <= sizeof(std::uint32_t);
 
-inline constinit std::atomic<Consumer *> consumers[kMaxClients] = {};
+[[gnu::visibility("default")]] inline constinit std::atomic<Consumer *> consumers[kMaxClients] = {};
 
 // Returns the appLocal by which the callbacks find consumer, or 0 when the table is full.
 inline std::uint32_t Enter(Consumer &consumer) noexcept {
@@ -302,37 +311,43 @@ inline void Leave(std::uint32_t appLocal) noexcept {
     }
 }
 
+// Returns null for an instance that its client has let go of inside a callback.
 // Relaxed: whoever calls the library in another thread than the one that made the client has been
 // synchronised with it, as pegeir.h demands.
-inline Consumer &ConsumerOf(const ND_LIB_Instance *instance) noexcept {
+inline Consumer *ConsumerOf(const ND_LIB_Instance *instance) noexcept {
     const std::uint32_t appLocal = ND_LIB_GetAppLocal(instance);
     if constexpr (kWordHoldsAddress) {
-        return *reinterpret_cast<Consumer *>(static_cast<std::uintptr_t>(appLocal));
+        return reinterpret_cast<Consumer *>(static_cast<std::uintptr_t>(appLocal));
     } else {
-        return *consumers[appLocal - 1].load(std::memory_order_relaxed);
+        return consumers[appLocal - 1].load(std::memory_order_relaxed);
     }
 }
 
 // The C callbacks.
 
 inline std::uint32_t Pack(ND_LIB_Instance *instance, void *optionData) noexcept {
-    return static_cast<std::uint32_t>(ConsumerOf(instance).OnCollect(ClientRef(instance), optionData));
+    Consumer *const consumer = ConsumerOf(instance);
+    return static_cast<std::uint32_t>(
+        consumer == nullptr ? Collected::kMore : consumer->OnCollect(ClientRef(instance), optionData));
 }
 
 inline std::uint32_t Notify(ND_LIB_Instance *instance, std::uint32_t code, std::uint32_t /*zero*/) noexcept {
-    Consumer &consumer = ConsumerOf(instance);
+    Consumer *const consumer = ConsumerOf(instance);
+    if (consumer == nullptr) {
+        return 1; // puts a verification pass off
+    }
     const ClientRef client(instance);
     switch (code) {
     case ND_LIB_NOTIFY_SMOOTH_BEGIN:
-        consumer.OnDownloadBegin(client);
+        consumer->OnDownloadBegin(client);
         return 0;
     case ND_LIB_NOTIFY_SMOOTH_END:
-        consumer.OnDownloadEnd(client);
+        consumer->OnDownloadEnd(client);
         return 0;
     case ND_LIB_NOTIFY_VERIFY_REQUEST:
-        return consumer.OnVerifyRequest(client) ? 0 : 1;
+        return consumer->OnVerifyRequest(client) ? 0 : 1;
     case ND_LIB_NOTIFY_VERIFY_END:
-        consumer.OnVerifyEnd(client);
+        consumer->OnVerifyEnd(client);
         return 0;
     default:
         return 0;
@@ -340,17 +355,21 @@ inline std::uint32_t Notify(ND_LIB_Instance *instance, std::uint32_t code, std::
 }
 
 inline std::uint32_t Updata(ND_LIB_Instance *instance, const ND_LIB_TlvHead *record) noexcept {
-    const auto *const value = reinterpret_cast<const std::uint8_t *>(record + 1);
-    ConsumerOf(instance).OnRecord(ClientRef(instance), {record->tlvType, {value, record->tlvLen}});
+    if (Consumer *const consumer = ConsumerOf(instance)) {
+        const auto *const value = reinterpret_cast<const std::uint8_t *>(record + 1);
+        consumer->OnRecord(ClientRef(instance), {record->tlvType, {value, record->tlvLen}});
+    }
     return 0;
 }
 
 ND_LIB_PRINTF(3, 4)
 inline std::uint32_t Log(ND_LIB_Instance *instance, std::uint32_t level, const char *format, ...) noexcept {
-    std::va_list arguments;
-    va_start(arguments, format);
-    ConsumerOf(instance).OnLog(ClientRef(instance), static_cast<LogLevel>(level), format, arguments);
-    va_end(arguments);
+    if (Consumer *const consumer = ConsumerOf(instance)) {
+        std::va_list arguments;
+        va_start(arguments, format);
+        consumer->OnLog(ClientRef(instance), static_cast<LogLevel>(level), format, arguments);
+        va_end(arguments);
+    }
     return 0;
 }
 
@@ -402,7 +421,7 @@ public:
             return;
         }
         const std::uint32_t appLocal = ND_LIB_GetAppLocal(native);
-        ND_LIB_Deinit(native); // reports to the consumer
+        ND_LIB_Deinit(native);
         detail::Leave(appLocal);
         native = nullptr;
     }
