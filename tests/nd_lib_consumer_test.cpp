@@ -71,6 +71,10 @@ TEST_F(Store, RefusesWhatIsNoRequest) {
             }
             EXPECT_EQ(d.TakeLog(), expected);
             EXPECT_EQ(d.TakeTrace(0), failures);
+            const auto log = std::exchange(d.nd->logFunc, nullptr);
+            EXPECT_EQ(Request(subscribe, item), good ? ND_LIB_OK : ND_LIB_ERR_SUBSCRIBE);
+            d.nd->logFunc = log;
+            EXPECT_EQ(d.TakeTrace(0), failures);
         }
     }
     const ND_LIB_ItemHead head = {1, 0};
@@ -111,6 +115,21 @@ TEST_F(Store, OrdersKeysByTypeThenLengthThenBytes) {
     ND_LIB_DeleteDataEntry(nullptr, d.nd);
     ND_LIB_UpdateDataEntry(nullptr, nullptr, d.nd);
     ND_LIB_ProcSingleSubAndUnsub(d.nd, nullptr, 18, 0);
+    ND_LIB_DataNode keyless = {};
+    ND_LIB_ProcSingleSubAndUnsub(d.nd, &keyless, 18, 0);
+    ND_LIB_KeyEntry *noKey = nullptr;
+    ND_LIB_DataEntry *noEntry = nullptr;
+    ND_LIB_DeleteKeyEntry(&noKey, d.nd);
+    ND_LIB_DeleteDataEntry(&noEntry, d.nd);
+    EXPECT_EQ(ND_LIB_FindDataEntry(&twin, nullptr), nullptr);
+    EXPECT_EQ(ND_LIB_RBT_LookupNode(nullptr, &twin, ND_LIB_Key_RB_KeyCmp), nullptr);
+    EXPECT_EQ(ND_LIB_RBT_LookupNode(tree, nullptr, ND_LIB_Key_RB_KeyCmp), nullptr);
+    EXPECT_EQ(ND_LIB_RBT_AddNode(tree, nullptr, &twin, ND_LIB_Key_RB_KeyCmp), 1U);
+    uint8_t bytes[16] = {};
+    EXPECT_EQ(
+        ND_LIB_BuildSubscribeMsg(nullptr, Find(ascending[0])) + ND_LIB_BuildSubscribeMsg(bytes, nullptr), 0);
+    EXPECT_EQ(ND_LIB_GetNextTlv(nullptr, 16, bytes, 1, 0), nullptr);
+    EXPECT_EQ(ND_LIB_GetNextTlv(bytes, 16, nullptr, 1, 0), nullptr);
 }
 
 // ---- Batches ----

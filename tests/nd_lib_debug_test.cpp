@@ -301,6 +301,23 @@ TEST(DebugGrowth, LosesNothingUnderAPassAlsoWhenItFails) {
     }
 }
 
+TEST_F(Debug, CallsWithoutABoxAreAnswered) {
+    va_list none = {};
+    const char *const volatile noFormat = nullptr;
+    uint32_t count = 0;
+    ND_LIB_ReadBlackBox(d.nd, 2, nullptr, 0, &count);
+    EXPECT_EQ(ND_LIB_WriteBlackBoxEx(2, d.nd, "x", none), 0);
+    EXPECT_EQ(ND_LIB_WriteBlackBox(nullptr, "x", none), -1);
+    EXPECT_EQ(ND_LIB_CheckBlackBoxNeedExpand(nullptr) + ND_LIB_CheckBlackBoxNeedExpand(d.nd->blackBox), 0U);
+    ND_LIB_ExpandBlackBox(nullptr, d.nd);
+    ND_LIB_ExpandBlackBox(d.nd->blackBox, d.nd);
+    EXPECT_EQ(d.nd->blackBox[0].bbHandle, nullptr);
+    Trace(1, 1);
+    EXPECT_EQ(ND_LIB_WriteBlackBox(d.nd->blackBox[0].bbHandle, noFormat, none), -1);
+    ND_LIB_Printf(&count, nullptr, 0, "no page");
+    EXPECT_EQ(count, 0U);
+}
+
 TEST_F(Debug, ForgetsTheOldestLinesUnderAPass) {
     Trace(1, 5000);
     const uint32_t first = Oldest();

@@ -138,6 +138,7 @@ TEST(Fsm, RunsEachEventInEachStateAsTheMachineSays) {
         "Job,Component down,Verify subscribe begin ack,Verify subscribe end ack,Verify data begin,"
         "Verify data end,Max,Max,Max,Max,Max,");
     EXPECT_EQ(ND_LIB_FsmStateCheck(12, 9, 52), 1U); // the rows of the sequence error stand last
+    EXPECT_EQ(ND_LIB_FsmStateCheck(12, 8, 52) + ND_LIB_FsmStateCheck(11, 9, 52), 0U);
     EXPECT_EQ(ND_LIB_FsmStateCheck(12, 9, 53) + ND_LIB_FsmStateCheck(12, 9, UINT32_MAX), 0U);
 }
 

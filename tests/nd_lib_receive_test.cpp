@@ -109,6 +109,9 @@ TEST_F(Receive, EachTypeByItsRule) {
         if (rule.kind == Kind::kControlAck) {
             refusal[0] = "RecvAckCheck transnumber not equal, input trans: 6, local trans:7";
             ExpectRefused(bad, refusal);
+            const auto function = std::exchange(d.nd->logFunc, nullptr);
+            EXPECT_EQ(Take(bad), ND_LIB_ERR_MSG);
+            d.nd->logFunc = function;
         } else {
             EXPECT_EQ(Take(bad), ND_LIB_OK); // other numbers are no matter of this test
             d.nd->consumer.sequenceNum = 100;
@@ -172,6 +175,10 @@ TEST_F(Receive, WhatIsNoWholeNdpiMessage) {
         EXPECT_EQ(box, lines.empty() ? Lines{} : Lines{"ND_LIB_MsgRecv " + lines[0]});
         EXPECT_EQ(log.size(), logged);
         EXPECT_TRUE(counted.empty());
+        const auto function = std::exchange(d.nd->logFunc, nullptr);
+        EXPECT_EQ(Take(bytes, subIntf), ret); // the box has it all the same
+        EXPECT_EQ(box.size(), lines.size());
+        d.nd->logFunc = function;
     }
     const sim::Message cut(world, {.bytes = Bytes(15, 0)});
     EXPECT_EQ(ND_LIB_SendAckMsg(cut.Data(), d.nd), ND_LIB_ERR);
@@ -229,7 +236,12 @@ TEST_F(Receive, AcknowledgedRecordsAreReportedOneByOne) {
     EXPECT_EQ(d.TakeTrace(1), lines);
     EXPECT_EQ(log, (std::vector<LogLine>{{3, lines[0]}, {0, lines[1]}, {0, lines[2]}}));
     EXPECT_EQ(ND_LIB_ParseSubAndUnsubData(d.nd, whole.data(), 18, 1), ND_LIB_OK);
-    EXPECT_EQ(ND_LIB_ParseSubAndUnsubData(d.nd, Tlv(18, {1}).data(), 18, 1), ND_LIB_ERR_MSG);
+    for (uint32_t len = 0; len + 4 < whole.size(); ++len) {
+        Bytes cut(whole.data(), whole.data() + 4 + len); // exactly as long as it says
+        cut[3] = static_cast<uint8_t>(len);
+        EXPECT_EQ(ND_LIB_ParseSubAndUnsubData(d.nd, cut.data(), 18, 1), ND_LIB_ERR_MSG) << len;
+    }
+    EXPECT_EQ(ND_LIB_ParseSubAndUnsubData(d.nd, Tlv(18, Bytes(8, 0)).data(), 18, 1), ND_LIB_OK); // no key
     EXPECT_EQ(ND_LIB_ParseSubAndUnsubData(d.nd, nullptr, 18, 1), ND_LIB_ERR_MSG);
 }
 
