@@ -222,13 +222,14 @@ local function rememberRequest(fact, open, msg, head, frame)
   fact.isRequest = true
   fact.clock = head
   local waiting, key = open.waiting[msg.type], msg.type .. "/" .. msg.trans
+  -- The library repeats nothing under the same number: there, a consumer has started anew.
+  if not TYPES[msg.type].library then fact.same = open.requests[key] end
   if TYPES[msg.type].single then
     if waiting and not facts[waiting].ackIn then fact.repeats = waiting end
     open.waiting[msg.type] = frame
   else
-    fact.repeats = open.requests[key]
+    fact.repeats = fact.same
   end
-  fact.same = open.requests[key]
   open.requests[key] = frame
   if TYPES[msg.type].library then open.last = msg.trans end
 end
