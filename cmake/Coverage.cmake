@@ -11,6 +11,6 @@ add_custom_target(
           ${CMAKE_BINARY_DIR}/coverage-lines.txt
   COMMAND ${GCOVR} --root ${PROJECT_SOURCE_DIR} --object-directory ${CMAKE_BINARY_DIR} --filter
           ${PROJECT_SOURCE_DIR}/src/ --exclude-throw-branches --exclude-unreachable-branches --print-summary
-          --branches --fail-under-line 95 --fail-under-branch 90
+          --branches --fail-under-line 98 --fail-under-branch 95
   WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
   USES_TERMINAL VERBATIM)

@@ -314,6 +314,7 @@ TEST_F(Debug, CallsWithoutABoxAreAnswered) {
     EXPECT_EQ(d.nd->blackBox[0].bbHandle, nullptr);
     Trace(1, 1);
     EXPECT_EQ(ND_LIB_WriteBlackBox(d.nd->blackBox[0].bbHandle, noFormat, none), -1);
+    ND_LIB_ReadBlackBox(d.nd, 0, nullptr, 1, &count); // no room
     ND_LIB_Printf(&count, nullptr, 0, "no page");
     EXPECT_EQ(count, 0U);
 }

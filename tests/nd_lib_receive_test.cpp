@@ -181,7 +181,9 @@ TEST_F(Receive, WhatIsNoWholeNdpiMessage) {
         d.nd->logFunc = function;
     }
     const sim::Message cut(world, {.bytes = Bytes(15, 0)});
+    const auto function = std::exchange(d.nd->logFunc, nullptr);
     EXPECT_EQ(ND_LIB_SendAckMsg(cut.Data(), d.nd), ND_LIB_ERR);
+    d.nd->logFunc = function;
     Look();
     EXPECT_EQ(box, Lines{"LIB_SendAckMsg msg smaller than ndpi header len:15"});
     const sim::Message half(world, {.bytes = Saying(18, begin)}); // as if its rest were zeros
@@ -195,8 +197,10 @@ TEST_F(Receive, AHeaderThatPromisesLessThanItselfWalksNothing) {
     // The body of such a message would be nearly 64 KiB long if its length wrapped around.
     d.nd->consumer.compFsmState = ND_LIB_FSM_READY;
     const Ndpi ack{.type = NDPI_MSG_SUBSCRIBE_DATA, .body = Tlv(18, Bytes(8, 0)), .flags = 0x80};
+    const auto function = std::exchange(d.nd->logFunc, nullptr);
     EXPECT_EQ(Take(Saying(15, ack)), ND_LIB_OK);
     EXPECT_EQ(box, Lines{"ProcSubAndUnsubAck msgLen len error :15"});
+    d.nd->logFunc = function;
     EXPECT_EQ(Take(Saying(16, ack)), ND_LIB_OK);
     EXPECT_TRUE(box.empty());
     EXPECT_EQ(log, (std::vector<LogLine>{{3, "ProcSubAndUnsubAck msgType=18, msgLen=16"}}));
