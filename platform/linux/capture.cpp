@@ -82,7 +82,9 @@ public:
               static_cast<uint32_t>(clock.tv_nsec), number_})
             Put32(packet_, word);
         packet_.insert(packet_.end(), data.begin(), data.end());
-        if (!file_.Append(Now(CLOCK_REALTIME), packet_, error)) {
+        const timespec now = Now(CLOCK_REALTIME);
+        if (!file_.Append(static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_nsec), packet_,
+                          error)) {
             error = "recording into " + name_ + " has stopped: " + error + "; it holds " +
                     std::to_string(number_) + " packets";
             return false;

@@ -132,12 +132,13 @@ bool CaptureFile::Open(const std::string &name, std::string &error) {
     return true;
 }
 
-bool CaptureFile::Append(const timespec &when, std::span<const uint8_t> packet, std::string &error) {
+bool CaptureFile::Append(uint32_t seconds, uint32_t nanoseconds, std::span<const uint8_t> packet,
+                         std::string &error) {
     Parts &parts = *parts_;
     const uint64_t size = parts.size + kPacketHeadSize + packet.size();
     pcap_pkthdr head{};
-    head.ts.tv_sec = when.tv_sec;
-    head.ts.tv_usec = when.tv_nsec; /* nanoseconds in a file of this precision */
+    head.ts.tv_sec = static_cast<time_t>(seconds);
+    head.ts.tv_usec = static_cast<suseconds_t>(nanoseconds); /* as the precision of the file is */
     head.caplen = head.len = static_cast<bpf_u_int32>(packet.size());
     errno = EFBIG;
     if (size <= parts.limit) {

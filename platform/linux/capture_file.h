@@ -6,7 +6,6 @@
 #define PEGEIR_PLATFORM_LINUX_CAPTURE_FILE_H
 
 #include <cstdint>
-#include <ctime>
 #include <memory>
 #include <span>
 #include <string>
@@ -27,9 +26,10 @@ public:
      * file that another process records into is left as it is. */
     [[nodiscard]] bool Open(const std::string &name, std::string &error);
 
-    /* Hands a packet to the kernel.  REQUIRES: Open and every Append before returned true.  Returns false
+    /* Hands a packet, stamped with the time since 1970, to the kernel.  REQUIRES: Open and every Append before returned true.  Returns false
      * with what is wrong in error; the packets before are then whole in the file, and this one is not. */
-    [[nodiscard]] bool Append(const timespec &when, std::span<const uint8_t> packet, std::string &error);
+    [[nodiscard]] bool Append(uint32_t seconds, uint32_t nanoseconds, std::span<const uint8_t> packet,
+                              std::string &error);
 
 private:
     struct Parts;

@@ -15,7 +15,7 @@ bool CaptureFile::Open(const std::string &, std::string &error) {
     return false;
 }
 
-bool CaptureFile::Append(const timespec &, std::span<const uint8_t>, std::string &) {
+bool CaptureFile::Append(uint32_t, uint32_t, std::span<const uint8_t>, std::string &) {
     return false;
 }
 
