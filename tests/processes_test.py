@@ -150,7 +150,7 @@ def killed(world, phase):
     component = Component(world, count, size)
     if phase == "available":
         component.popen.send_signal(signal.SIGSTOP)  # it is there and does not answer
-    watch = Consumer(world, ME, wanted, "--verify")
+    watch = Consumer(world, ME, wanted, *(["--verify"] if phase == "verifying" else []))  # it would end "ready"
     watch.until_state("registered" if phase == "uploading" else phase)
     last = watch.states[-1]
     while phase == "uploading" and ("Subscribe data\n" not in watch.report or "sendSubNum           : 0\n" in watch.report):
