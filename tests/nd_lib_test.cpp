@@ -19,7 +19,7 @@ constexpr auto SomeRecord = [](ND_LIB_Instance *, const ND_LIB_TlvHead *) { retu
 
 TEST(Instance, TheFirstSixWordsOfTheFrameAreNeeded) {
     sim::World world;
-    const ND_LIB_FrameRegister whole = {1, 2, 3, 4, 5, SomeLog, 0, 0};
+    const ND_LIB_FrameRegister whole = {1, 2, 3, 4, 5, SomeLog, 6, 7};
     const ND_LIB_FrameRegister broken[] = {
         {0, 2, 3, 4, 5, SomeLog, 6, 7}, {1, 0, 3, 4, 5, SomeLog, 6, 7}, {1, 2, 0, 4, 5, SomeLog, 6, 7},
         {1, 2, 3, 0, 5, SomeLog, 6, 7}, {1, 2, 3, 4, 0, SomeLog, 6, 7}, {1, 2, 3, 4, 5, nullptr, 6, 7},
@@ -42,8 +42,9 @@ TEST(Instance, TheFirstSixWordsOfTheFrameAreNeeded) {
     const ND_LIB_ConsumerInfo &held = nd->consumer;
     EXPECT_EQ((Numbers{nd->ndCompState, nd->msgMaxLen, nd->verifyCycle, nd->isNeedVerify, nd->secNow,
                        held.compFsmState, held.backupTimer, held.fsmRecord[19].event, ND_LIB_GetAppLocal(nd),
-                       ND_LIB_GetAppLocal(nullptr), nd->blackBox[0].bbHandle != nullptr}),
-              (Numbers{1, 8000, 60, 0, 4711, ND_LIB_FSM_INIT, 0, ND_LIB_EVT_MAX, 5, 0, 0}));
+                       ND_LIB_GetAppLocal(nullptr), nd->blackBox[0].bbHandle != nullptr, nd->reserved1,
+                       nd->reserved2}),
+              (Numbers{1, 8000, 60, 0, 4711, ND_LIB_FSM_INIT, 0, ND_LIB_EVT_MAX, 5, 0, 0, 6, 7}));
     for (const sim::Allocation &block : world.Allocations()) {
         EXPECT_EQ(block.memHandle, 3U);
     }
