@@ -37,6 +37,11 @@ if(PEGEIR_SANITIZE)
   target_link_options(pegeir_compile INTERFACE -fsanitize=address,undefined)
 endif()
 
+# pegeir_optimise_less(option source...): what the compiler is long at and a test seldom runs.
+function(pegeir_optimise_less option)
+  set_property(SOURCE ${ARGN} APPEND PROPERTY COMPILE_OPTIONS ${option})
+endfunction()
+
 if(PEGEIR_TRAP_UNALIGNED)
   # The processor carries out most of them, slowly, and emulation all.  So the program looks itself.
   target_compile_options(pegeir_compile INTERFACE -fsanitize=alignment -fsanitize-undefined-trap-on-error)

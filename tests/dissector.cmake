@@ -12,5 +12,5 @@ if(PEGEIR_BUILD_PROGRAMS AND PEGEIR_CAPTURE)
   pegeir_runnable(watch pegeir-watch)
   add_test(NAME Dissector.ReadsWhatTheProgramsRecord
            COMMAND ${dissector_test} programs ${dissector} ${component} ${watch})
-  set_tests_properties(Dissector.ReadsWhatTheProgramsRecord PROPERTIES LABELS "dissector;programs")
+  set_tests_properties(Dissector.ReadsWhatTheProgramsRecord PROPERTIES LABELS "dissector;programs" COST 20)
 endif()

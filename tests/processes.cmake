@@ -6,6 +6,6 @@ if(PEGEIR_BUILD_PROGRAMS)
     list(POP_FRONT test what)
     add_test(NAME ${test} COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/processes_test.py ${what}
                                   "${emulator} $<TARGET_FILE:pegeir-component>" "${emulator} $<TARGET_FILE:pegeir-watch>")
-    set_tests_properties(${test} PROPERTIES LABELS programs SKIP_RETURN_CODE 77)
+    set_tests_properties(${test} PROPERTIES LABELS programs COST 30 SKIP_RETURN_CODE 77)
   endforeach()
 endif()

@@ -16,5 +16,5 @@ if(TARGET pegeir-replay)
   add_test(NAME Replay.PlaysBackWhatWasRecorded
            COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_LIST_DIR}/replay_test.py ${replay} ${component} ${watch}
                    "${compile_test}" "${link_test}" "${CMAKE_CROSSCOMPILING_EMULATOR}")
-  set_tests_properties(Replay.PlaysBackWhatWasRecorded PROPERTIES LABELS programs)
+  set_tests_properties(Replay.PlaysBackWhatWasRecorded PROPERTIES LABELS programs COST 30)
 endif()

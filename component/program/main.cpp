@@ -242,8 +242,7 @@ void Program::OnMessage(void *message) {
     const uint32_t sender = DMS_MsgSendCidGet(message);
     const uint32_t subInterface = DMS_ZEP_MSG_GET_SUB_INTF(message);
     if (DMS_MsgRecvIidGet(message) == kTimerIid || subInterface != kNdpiSubInterface) {
-        consumerLog_(Severity::kWarning, sender,
-                     Text("message dropped: sub-interface ", subInterface, " is not ", kNdpiSubInterface));
+        server_.Drop(sender, Text("sub-interface ", subInterface, " is not ", kNdpiSubInterface));
         return;
     }
     server_.OnMessage(sender, ByteView(static_cast<const uint8_t *>(message), DMS_MsgDataLenGet(message)));

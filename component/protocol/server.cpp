@@ -8,7 +8,7 @@
 namespace pegeir::component {
 
 Server::Server(Transport &transport, const Catalog &catalog, Clock clock, ConsumerLog log, Limits limits)
-    : context_{transport, catalog, std::move(clock), std::move(log), limits} {}
+    : context_{transport, catalog, std::move(clock), std::move(log), limits}, drops_(context_.log) {}
 
 Server::~Server() = default;
 
@@ -42,6 +42,7 @@ void Server::OnWritable(uint32_t consumer) {
 }
 
 void Server::OnTick() {
+    drops_.OnTick(context_.clock());
     for (const auto &[consumer, session] : sessions_) {
         session->OnTick();
     }
@@ -57,7 +58,7 @@ void Server::OnChange(const RecordId &id) {
 
 void Server::Drop(uint32_t consumer, const std::string &why) {
     ++dropped_;
-    context_.log(Severity::kWarning, consumer, Text("message dropped: ", why));
+    drops_.Add(context_.clock(), consumer, "message dropped: " + why);
 }
 
 void Server::RemoveForgotten() {

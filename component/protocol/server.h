@@ -16,7 +16,8 @@
  *  3. Messages of one consumer keep their order, and none but acknowledgements are ever given up;
  *     a request whose acknowledgement was given up comes again.
  *  4. At most one update is under way; changes that wait are kept by name, not by content.
- * Malformed and unexpected messages are dropped, counted and reported, never answered.
+ * Malformed and unexpected messages are dropped and counted, never answered, and reported as often as
+ * somebody can read.
  */
 #ifndef PEGEIR_COMPONENT_SERVER_H
 #define PEGEIR_COMPONENT_SERVER_H
@@ -85,6 +86,9 @@ public:
     ~Server();
 
     void OnMessage(uint32_t consumer, ByteView bytes);
+
+    /* Counts and reports a message that is none of this protocol. */
+    void Drop(uint32_t consumer, const std::string &why);
     void OnWritable(uint32_t consumer);
     void OnTick();
     void OnChange(const RecordId &id);
@@ -93,11 +97,11 @@ public:
     [[nodiscard]] uint64_t DroppedCount() const { return dropped_; }
 
 private:
-    void Drop(uint32_t consumer, const std::string &why);
     void RemoveForgotten();
 
     ServerContext context_;
     std::map<uint32_t, std::unique_ptr<Session>> sessions_;
+    SeldomLog drops_;
     uint64_t dropped_ = 0;
 };
 

@@ -15,7 +15,8 @@
 namespace pegeir::component {
 
 Session::Session(uint32_t consumer, const ServerContext &context)
-    : consumer_(consumer), context_(context), nextProbeMs_(context.clock() + context.limits.probeMs) {}
+    : consumer_(consumer), context_(context), unserved_(context.log),
+      nextProbeMs_(context.clock() + context.limits.probeMs) {}
 
 /* ---- Requests -------------------------------------------------------------------------------- */
 
@@ -135,9 +136,9 @@ void Session::Subscribe(const Item &item) {
         return;
     }
     if (!context_.catalog.Serves(item.topic) || !KeyIndex(item)) {
-        Report(Severity::kWarning,
-               Text("subscribes what no source has: key type ", item.topic.keyType, ", key length ",
-                    item.key.size(), ", data type ", item.topic.dataType));
+        unserved_.Add(context_.clock(), consumer_,
+                      Text("subscribes what no source has: key type ", item.topic.keyType, ", key length ",
+                           item.key.size(), ", data type ", item.topic.dataType));
     }
     keyBytes_ += item.key.size();
     subscriptions_.emplace(item, pass_);
@@ -446,6 +447,7 @@ void Session::Progress() {
 
 void Session::OnTick() {
     const uint64_t now = context_.clock();
+    unserved_.OnTick(now);
     if (queue_.empty() && (goneSinceMs_ || now >= nextProbeMs_)) {
         nextProbeMs_ = now + context_.limits.probeMs;
         AskWritable();

@@ -109,6 +109,7 @@ private:
 
     const uint32_t consumer_;
     const ServerContext &context_;
+    SeldomLog unserved_;
     Phase phase_ = Phase::kRegistered;
 
     std::map<Item, uint32_t> subscriptions_; /* item to the verification pass that last confirmed it */
