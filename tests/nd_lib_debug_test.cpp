@@ -263,13 +263,15 @@ TEST(DebugGrowth, LosesNothingUnderAPassAlsoWhenItFails) {
         {Op::kMalloc, true, 1, 0}, // nothing fails
         {Op::kMalloc, false, 1, 1},          {Op::kCreateBlackBox, false, 1, 1},
         {Op::kWriteBlackBox, false, 1, 1},   {Op::kReadBlackBox, false, 1, 3},
-        {Op::kReadBlackBox, false, 3, 1},    {Op::kReadBlackBox, false, 3, 2},
-        {Op::kReadBlackBox, false, 3, 1, 1}, {Op::kReadBlackBox, false, 3, 1, 40},
         {Op::kReadBlackBox, true, 1, 2},     {Op::kReadBlackBox, true, 1, 1, 7},
-        {Op::kReadBlackBox, true, 2, 2},
+        {Op::kReadBlackBox, false, 3, 3},    {Op::kReadBlackBox, true, 3, 2},
+        {Op::kReadBlackBox, false, 3, 1, 1}, {Op::kReadBlackBox, false, 3, 1, 40},
     };
     for (const auto &c : cases) {
         for (const uint32_t size : {0U, 20U, 33U, 60U, 100U}) { // of the pages, 0 for no pass
+            if (size == 0 && c.from > 1) {
+                continue; // a box without a pass is read once
+            }
             SCOPED_TRACE(testing::Message() << sim::Name(c.op) << ' ' << c.from << " x " << c.count
                                             << " short " << c.shorten.value_or(0) << ", pages of " << size);
             Bench b;

@@ -110,8 +110,8 @@ typedef struct ND_LIB_FrameRegister {
  * state is "Init", verification is off with a cycle of 60 seconds.
  * Returns the instance, to be released with ND_LIB_Deinit, or null when frame is missing, one of its
  * first six words is zero, or memory is short (asserted).  An instance whose timer service could not
- * be set up is returned all the same; it registers and asks packSubscribeFunc once, but gets no further:
- * all that follows is driven by the one-second timer.
+ * be set up is returned all the same; it registers and asks packSubscribeFunc when the component comes, but
+ * gets no further: all that follows is driven by the one-second timer.
  */
 ND_LIB_API ND_LIB_NODISCARD ND_LIB_Instance *ND_LIB_Init(const ND_LIB_FrameRegister *frame);
 
@@ -200,8 +200,8 @@ ND_LIB_API uint32_t ND_LIB_AddOptionData(ND_LIB_Instance *instance, const void *
 /*
  * Enables and disables the periodic verification passes.  Neither breaks off a pass that has begun; a gap
  * in its download does (a whole download follows, codes 0 and 1 in place of 3), and so does the
- * component's going.  The due time is kept over both calls; an instance that has not yet run a pass is
- * due as soon as it is ready.
+ * component's going.  The due time is kept over both calls; an instance that has neither run a pass nor
+ * been refused one is due as soon as it is ready.
  * Return ND_LIB_OK, or ND_LIB_ERR without an instance (asserted).
  */
 ND_LIB_API uint32_t ND_LIB_StartVerify(ND_LIB_Instance *instance);
@@ -240,8 +240,8 @@ typedef struct ND_LIB_ItemHead {
  * and set aside when its turn comes.  When the component goes down, pending requests are dropped:
  * packSubscribeFunc is asked again once it is back.
  * One shortage is not told: when memory for the data bytes is missing at the very last step, the call
- * returns ND_LIB_OK, and the item goes out without data bytes and with the kind of its earlier request,
- * or not at all when that was sent and is acknowledged before.
+ * returns ND_LIB_OK, and the item goes out without data bytes and, if there was an earlier request for it,
+ * with the kind of that one, or not at all when that was sent and is acknowledged before.
  * Return ND_LIB_OK when stored, ND_LIB_ERR for a missing argument or before
  * ND_LIB_RegisterConsumer (asserted), ND_LIB_ERR_SUBSCRIBE when the key is empty, a length is above 10000 or
  * memory is short.
@@ -278,8 +278,8 @@ typedef struct ND_LIB_CompState {
  * Tells the library that the ND component has come or gone.  Coming starts the registration and the
  * one-second timer; going drops all pending requests and stops the timer.  Repeating the present
  * state refreshes the time and is reported, nothing else.  If the timer cannot be started, nothing more
- * is sent by itself until the component has gone and come again; one that cannot be stopped goes on
- * without effect and serves the next time.  A missing argument is asserted.
+ * is sent by itself until the component has gone and come again; one that the platform refuses to stop
+ * goes on without effect and serves the next time.  A missing argument is asserted.
  */
 ND_LIB_API void ND_LIB_NotifyNdCompState(ND_LIB_Instance *instance, const ND_LIB_CompState *state);
 

@@ -54,10 +54,10 @@ struct ND_LIB_Instance {
     uint32_t secNow;    // time of the last message, notification or expiry; requests do not refresh it
     uint32_t secNowAux; // the clock's second output, not read
     ND_LIB_ConsumerInfo consumer;
-    uint32_t flowCtrlState;    // 1 once a message could not be had; never cleared
+    uint32_t flowCtrlState;    // 1 once a message of its own could not be had; never cleared
     uint32_t flowCtlStartTime; // when that was
     uint32_t flowCtlEndTime;   // shown in the report, never written
-    uint32_t flowCnt;          // failures, the first included
+    uint32_t flowCnt;          // such failures, the first included; acknowledgements are not counted
     uint32_t transNumber;      // of the last message originated
     ND_LIB_TmrCtx *tmrCtx;     // owned; null when it could not be made
     uint32_t statisticCnt[ND_LIB_STAT_MAX];

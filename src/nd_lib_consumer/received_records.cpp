@@ -47,9 +47,10 @@ void ND_LIB_ProcSingleSubAndUnsub(ND_LIB_Instance *instance, const ND_LIB_DataNo
         return;
     }
     ND_LIB_DataEntry *entry = ND_LIB_FindDataEntry(ND_LIB_FindKeyEntry(node->keyEntry, instance), node);
-    // An entry not sent since its latest request carries the stamp 0, which a number that has wrapped
-    // around may equal.
-    if (entry != nullptr && entry->sendCnt != 0 && entry->sendTransNumber == transNumber) {
+    // The stamp 0 of an entry not sent since its latest request is no number, though one that has wrapped
+    // around may equal it.
+    if (entry != nullptr && entry->sendTransNumber == transNumber &&
+        (transNumber != 0 || entry->sendCnt != 0)) {
         ND_LIB_DeleteDataEntry(&entry, instance);
     }
 }

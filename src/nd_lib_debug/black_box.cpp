@@ -132,6 +132,15 @@ bool ReadToEnd(void *box, char *buffer, uint32_t size, uint32_t *unread) {
     }
 }
 
+// The diagnose report that is under way in the box is given up: the next one has all of its lines.
+void Rewind(void *box) {
+    ND_LIB_BlackBoxLine scratch;
+    uint32_t unread = 0;
+    if (box != nullptr) {
+        (void)ReadToEnd(box, scratch, sizeof(scratch), &unread);
+    }
+}
+
 // Reads bytes that nobody needs, from the oldest line on.
 bool Skip(void *box, char *buffer, uint32_t size, uint32_t bytes) {
     while (bytes != 0) {
@@ -145,19 +154,26 @@ bool Skip(void *box, char *buffer, uint32_t size, uint32_t bytes) {
 }
 
 // Copies the lines and the read position of the old box.  A copy that cannot be whole is none: the
-// caller keeps the old box, which then stands where it stood unless it cannot be read at all; the next
-// pass finds every line again.
+// caller keeps the old box, which then stands where it stood if it can be read to its end.
 bool CopyBox(OldBox &old, void *newBox, char *buffer, uint32_t size) {
-    uint32_t unread = 0;
-    if (!ReadToEnd(old.handle, buffer, size, &unread) || unread > old.content) {
+    int32_t count = ReadOn(old.handle, buffer, old.content);
+    if (count < 0) {
         return false;
     }
-    old.position = old.content - unread;
-    const int32_t copied = ReadBlockFromBlackBox(old.handle, buffer, old.content);
-    if (copied >= 0 && static_cast<uint32_t>(copied) == old.content &&
+    if (static_cast<uint32_t>(count) < old.content) {
+        // A diagnose pass stands in the middle of the box, and this was what it has not read yet.
+        uint32_t rest = 0;
+        if (count != 0 && !ReadToEnd(old.handle, buffer, size, &rest)) {
+            return false;
+        }
+        old.position = old.content - static_cast<uint32_t>(count) - rest;
+        count = ReadOn(old.handle, buffer, old.content);
+    }
+    if (count >= 0 && static_cast<uint32_t>(count) == old.content &&
         WriteBlackBox(newBox, buffer, old.content) >= 0 && Skip(newBox, buffer, size, old.position)) {
         return true;
     }
+    uint32_t unread = 0;
     if (ReadToEnd(old.handle, buffer, size, &unread)) {
         (void)Skip(old.handle, buffer, size, old.position);
     }
@@ -288,15 +304,14 @@ void ND_LIB_ReadBlackBox(ND_LIB_Instance *instance, uint32_t box, char *buffer, 
     if (read > 0) {
         instance->diagnoseReadLen = static_cast<uint32_t>(read);
         *count += static_cast<uint32_t>(read);
+    } else if (read < 0) {
+        Rewind(handle); // this report ends here
     }
 }
 
-void pegeir::debug::RewindBoxes(ND_LIB_Instance *instance) {
-    ND_LIB_BlackBoxLine scratch;
-    for (const ND_LIB_BlackBoxDesc &desc : instance->blackBox) {
-        if (desc.bbHandle != nullptr) {
-            uint32_t unread = 0;
-            (void)ReadToEnd(desc.bbHandle, scratch, sizeof(scratch), &unread);
-        }
+void pegeir::debug::BreakOffPass(const ND_LIB_Instance *instance) {
+    if (instance->diagnoseReadLen != 0) {
+        const bool first = instance->diagnoseType == ND_LIB_DIAG_BLACKBOX_ASSERT;
+        Rewind(instance->blackBox[first ? ND_LIB_BLACKBOX_ASSERT : ND_LIB_BLACKBOX_INFO].bbHandle);
     }
 }

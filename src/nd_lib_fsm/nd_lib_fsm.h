@@ -187,7 +187,7 @@ ND_LIB_API uint32_t ND_LIB_VerifyDataEnd(ND_LIB_Instance *instance, void *messag
 // available, ND_LIB_OK for an unknown type.
 ND_LIB_API uint32_t ND_LIB_MsgRecv(ND_LIB_Instance *instance, void *message);
 
-// Returns ND_LIB_OK for an acknowledgement of the last message sent, else reports and returns
+// Returns ND_LIB_OK for an acknowledgement with the number given out last, else reports and returns
 // ND_LIB_ERR_MSG.
 ND_LIB_API uint32_t ND_LIB_RecvAckCheck(ND_LIB_Instance *instance, void *message);
 

@@ -37,7 +37,7 @@ ND_LIB_API uint32_t ND_LIB_StartLoopTmr(ND_LIB_Instance *instance, ND_LIB_TmrCal
                                         uint32_t periodMs);
 
 // Stops the timer whose id is in *timerId and clears *timerId.  Returns ND_LIB_OK, also when there is
-// nothing to stop or the platform does not know the id, or ND_LIB_ERR when there is no timer service or
+// nothing to stop or the platform has no timer of that id, or ND_LIB_ERR when there is no timer service or
 // the platform refused; in the last three cases *timerId stays as it is.
 ND_LIB_API uint32_t ND_LIB_StopTmr(ND_LIB_Instance *instance, uint32_t *timerId);
 

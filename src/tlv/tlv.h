@@ -38,7 +38,7 @@ template <typename Visit>
 void ForEach(void *message, Visit visit) {
     const uint16_t msgLen = ndpi::ReadHeader(message).msgLen;
     if (msgLen < NDPI_HEADER_LEN) {
-        return; // the length of such a body would wrap around to nearly 64 KiB
+        return; // there is no body
     }
     uint8_t *body = static_cast<uint8_t *>(message) + NDPI_HEADER_LEN;
     const int32_t length = msgLen - NDPI_HEADER_LEN;

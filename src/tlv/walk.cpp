@@ -36,7 +36,7 @@ uint8_t *ND_LIB_GetFirstTlv(uint8_t *buffer, int32_t length, uint32_t lengthsInN
 
 uint8_t *ND_LIB_GetNextTlv(uint8_t *buffer, int32_t length, uint8_t *current, uint32_t lengthsInNetworkOrder,
                            uint16_t currentLen) {
-    if (buffer == nullptr || current == nullptr) {
+    if (buffer == nullptr || current == nullptr || length < 0) {
         return nullptr;
     }
     return ElementAt(buffer, length, (current - buffer) + int64_t{kTlvHeadLen} + currentLen,
