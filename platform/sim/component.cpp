@@ -66,6 +66,7 @@ private:
 
 Component::Bytes KeyRecord(const ItemName &item) {
     Component::Bytes record;
+    record.reserve(4 + item.key.size());
     Put(record, item.dataType, 2);
     Put(record, static_cast<std::uint32_t>(item.key.size()), 2);
     record.insert(record.end(), item.key.begin(), item.key.end());

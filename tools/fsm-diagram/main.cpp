@@ -159,8 +159,8 @@ Lines Generate() {
             }
         }
         std::string line = "| " + std::to_string(&row - g_ndLibFsmStateTrans);
-        for (const std::string &cell :
-             {state, event, "`" + HandlerName(row) + "`", next.empty() ? "–" : next}) {
+        const std::string handler = std::string("`").append(HandlerName(row)).append("`");
+        for (const std::string &cell : {state, event, handler, next.empty() ? "–" : next}) {
             line.append(" | ").append(cell);
         }
         table.push_back(line + " |");
