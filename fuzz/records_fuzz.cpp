@@ -91,7 +91,7 @@ std::set<Name> Pending(ND_LIB_Instance *nd) {
 void Acknowledge(Input &input) {
     sim::World world;
     Driver d(world);
-    d.ToState(ND_LIB_FSM_READY);
+    d.BecomeReady();
     std::map<Name, bool> wanted; // whether to subscribe or to unsubscribe
     std::vector<Item> items;
     for (uint32_t count = input.Below(8); count > 0; --count) {

@@ -187,26 +187,5 @@ TEST(DeadLink, IsTriedAgainWithinTwoMinutesHoweverLongItWasDead) {
     }
 }
 
-TEST(Verification, ComesAsOftenAsItIsAskedForAndAgreedTo) {
-    for (const uint16_t cycle : {uint16_t{ND_LIB_VERIFY_CYCLE_MIN}, uint16_t{ND_LIB_VERIFY_CYCLE_MAX}}) {
-        Play play({.keyLen = 8});
-        EXPECT_EQ(play.Settle(100), "");
-        EXPECT_EQ(ND_LIB_SetVerifyCycle(play.d->nd, cycle), ND_LIB_OK);
-        EXPECT_EQ(play.Verify(100), "");
-        (void)ND_LIB_StartVerify(play.d->nd);
-        const uint32_t due = play.d->nd->nextVerifyTime;
-        EXPECT_TRUE(due > play.world.Seconds() + cycle - 10 && due <= play.world.Seconds() + cycle) << due;
-        play.agrees = false;
-        play.d->events.clear();
-        while (play.world.Seconds() < due + 999) { // asked every ten seconds, for as long as it takes
-            EXPECT_EQ(play.d->events.empty(), play.world.Seconds() < due);
-            play.Second();
-        }
-        EXPECT_EQ(play.d->events, std::vector<uint32_t>(100, ND_LIB_NOTIFY_VERIFY_REQUEST));
-        play.agrees = true;
-        EXPECT_EQ(play.Finish(100), "");
-    }
-}
-
 } // namespace
 } // namespace pegeir::tests

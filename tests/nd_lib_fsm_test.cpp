@@ -51,11 +51,6 @@ const Numbers kAnswers = {ND_LIB_PACK_MORE, ND_LIB_PACK_DONE, 7};
 const Numbers kNumbers = {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,     10,    11,        12,
                           13, 14, 15, 16, 17, 18, 19, 20, 21, 0x100, 0x10C, UINT32_MAX};
 
-Numbers History(const ND_LIB_Instance *instance, uint32_t entry) {
-    const ND_LIB_FsmRecord &record = instance->consumer.fsmRecord[entry];
-    return {instance->consumer.fsmRecordNum, record.oldState, record.newState, record.event};
-}
-
 // Raises event in state on a fresh instance: with two requests waiting, the first of them sent before,
 // unless the consumer is done, and without a log function when it answers neither.
 void Raise(uint32_t state, uint32_t event, size_t answer) {
@@ -89,9 +84,9 @@ void Raise(uint32_t state, uint32_t event, size_t answer) {
 
     const char letter = handlers[column];
     EXPECT_TRUE(letter != '.' || world.Calls() == calls) << "something was sent, traced or allocated";
-    const size_t from = kHandlers.find(std::string(",") + letter + " ") + 3;
-    const char digit = kHandlers[from + answer];
-    std::string expected = kHandlers.substr(from + 3, kHandlers.find(',', from) - from - 3);
+    const size_t row = kHandlers.find(std::string(",") + letter + " ") + 3;
+    const char digit = kHandlers[row + answer];
+    std::string expected = kHandlers.substr(row + 3, kHandlers.find(',', row) - row - 3);
     const size_t bar = std::min(expected.find('|'), expected.size());
     expected.erase(bar, full ? 1 : std::string::npos);
     for (const Ndpi &sent : d.Sent()) {
@@ -106,7 +101,9 @@ void Raise(uint32_t state, uint32_t event, size_t answer) {
     EXPECT_EQ(d.State(), next);
     EXPECT_EQ(Numbers({consumer.nextSendCtrlMsgTime, consumer.ctrlMsgSendCnt}), paced);
     const bool recorded = !stays && (state != 8 || next != 8);
-    EXPECT_EQ(History(d.nd, 0), recorded ? Numbers({1, state, next, event}) : Numbers({0, 16, 16, 20}));
+    const auto &[from, to, raised] = consumer.fsmRecord[0];
+    EXPECT_EQ(Numbers({consumer.fsmRecordNum, from, to, raised}),
+              recorded ? Numbers({1, state, next, event}) : Numbers({0, 16, 16, 20}));
     Texts shown = d.TakeTrace(ND_LIB_BLACKBOX_INFO);
     for (const LogLine &line : d.TakeLog()) {
         shown.push_back(line.level == ND_LIB_LOG_EVENT ? line.text : "");

@@ -59,43 +59,6 @@ TEST(SimFaults, RulesHitExactlyTheCallsTheyName) {
     }
 }
 
-TEST(SimFaults, EveryOperationFailsAsStatedAndLeavesNothingBehind) {
-    World world;
-    void *box = CreateBlackBox(64, 5);
-    char text[64];
-    SysTime time = {2024, 2, 3, 4, 5, 6, 0, 7};
-    const std::uint32_t lib = APPTMR_CreateLib2(8, NoteExpiry, 5);
-    const std::uint32_t instance = APPTMR_CreateInstance(lib, kTimerParams);
-    const std::uint32_t timer = APPTMR_CreatePeriodTimer(instance, 1000, 0, &world, 2);
-    const std::string held = world.Leaks();
-    std::uint32_t flag = 1;
-    const std::function<bool()> fails[kOps] = {
-        [] { return ZEP_Malloc_F(1, 7, 10, "test", 1) == nullptr; },
-        [] { return ZEP_MsgFlowCtrlAlloc_F(1, 2, 3, "test", 1) == nullptr; },
-        [] { return Send(1, 2, Bytes(3)) == 42; },
-        [] { return APPTMR_CreateLib2(1, NoteExpiry, 1) == 0; },
-        [&] { return APPTMR_CreateInstance(lib, kTimerParams) == 0; },
-        [&] { return APPTMR_CreatePeriodTimer(instance, 1, 0, nullptr, 2) == 0; },
-        [&] { return APPTMR_DeleteTimer(instance, timer) == 42; },
-        [] { return CreateBlackBox(10, 1) == nullptr; },
-        [&] { return WriteBlackBox(box, "x\n", 2) == -1; },
-        [&] { return ReadBlockFromBlackBox(box, text, 64) == -1; },
-        [&] { return ZEP_GMT_SystimeGet(&time) == 42; },
-        [&] { return ZEP_Gmt2LocalTime(&time, &time, &flag) == 42; },
-    };
-    for (std::size_t i = 0; i < kOps; ++i) {
-        const Op op = static_cast<Op>(i);
-        world.Fail({.op = op, .from = world.Calls(op) + 1, .count = 1, .code = 42});
-        EXPECT_TRUE(fails[i]()) << Name(op);
-        EXPECT_EQ(world.Leaks(), held) << Name(op);
-    }
-    EXPECT_TRUE(world.Failures() == kOps && world.TakeSent().empty());
-    ASSERT_EQ(WriteBlackBox(box, "one\ntwo\n", 8), 8);
-    world.Fail({.op = Op::kReadBlackBox, .from = 2, .count = 1, .shorten = 3});
-    EXPECT_EQ(ReadBlockFromBlackBox(box, text, 64), 3);
-    EXPECT_EQ(ReadBlockFromBlackBox(box, text, 64), 5); // what the short read left
-}
-
 TEST(SimAccounts, MisuseIsWrittenDownAndDoesNothing) {
     World world;
     void *freed = ZEP_Malloc_F(5, 7, 8, "a", 1);

@@ -13,10 +13,7 @@ namespace pegeir::tests {
 
 namespace {
 
-std::map<uint32_t, Driver *> &Drivers() {
-    static std::map<uint32_t, Driver *> drivers; // by appLocal
-    return drivers;
-}
+std::map<uint32_t, Driver *> g_drivers; // by appLocal
 
 // Aligned, as a consumer's own record is.
 std::vector<uint16_t> Head(uint16_t type, const Bytes &bytes) {
@@ -65,12 +62,12 @@ Bytes Ndpi::Wire() const {
 }
 
 Driver::Driver(sim::World &aWorld, bool registerConsumer) : world(aWorld) {
-    const auto appLocal = static_cast<uint32_t>(Drivers().size() + 1);
-    Drivers()[appLocal] = this;
+    const auto appLocal = static_cast<uint32_t>(g_drivers.size() + 1);
+    g_drivers[appLocal] = this;
     const ND_LIB_FrameRegister frame = {kNd, kApp, 0x11, 0x22, appLocal, Log, 0, 0};
     nd = ND_LIB_Init(&frame);
     if (nd == nullptr) {
-        Drivers().erase(appLocal);
+        g_drivers.erase(appLocal);
         return;
     }
     const auto feed = [this](void *message) { (void)ND_LIB_MsgProcess(nd, message); };
@@ -83,12 +80,18 @@ Driver::Driver(sim::World &aWorld, bool registerConsumer) : world(aWorld) {
 
 void Driver::Deinit() {
     if (nd != nullptr) {
-        Drivers().erase(nd->appLocal);
+        g_drivers.erase(nd->appLocal);
         ND_LIB_Deinit(nd);
         nd = nullptr;
         world.Detach(kApp);
         world.DetachTimers(0x22);
     }
+}
+
+void Driver::Silently(const std::function<void()> &act) {
+    const ND_LIB_LogFunc function = std::exchange(nd->logFunc, nullptr);
+    act();
+    nd->logFunc = function;
 }
 
 uint32_t Driver::Register() {
@@ -135,7 +138,7 @@ std::vector<Ndpi> Driver::Sent() {
         EXPECT_EQ(header.msgLen, b.size());
         EXPECT_EQ(Bytes(b.begin() + 8, b.begin() + 12), U32(0));
         sent.push_back({header.msgType, header.transNumber, header.sequenceNum,
-                        Bytes(b.begin() + 16, b.end()), header.flags, record.receiver});
+                        Bytes(b.begin() + 16, b.end()), header.flags});
     }
     return sent;
 }
@@ -148,67 +151,29 @@ Ndpi Driver::SentOne(uint8_t type) {
     return last;
 }
 
-void Driver::AckNext(uint8_t type) {
-    Run(1);
-    EXPECT_EQ(Ack(SentOne(type)), ND_LIB_OK);
-}
-
-// Walks the ordinary way; only the messages that it needs itself are taken.
-void Driver::ToState(uint32_t state) {
-    // The request whose acknowledgement leads out of a state, and the component's messages that do.
-    static const std::map<uint32_t, uint8_t> requests = {
-        {ND_LIB_FSM_SUBSCRIBE_BEGIN, NDPI_MSG_SUBSCRIBE_BEGIN},
-        {ND_LIB_FSM_SUBSCRIBE_END, NDPI_MSG_SUBSCRIBE_END},
-        {ND_LIB_FSM_VERIFY_SUBSCRIBE_BEGIN, NDPI_MSG_VERIFY_SUBSCRIBE_BEGIN},
-        {ND_LIB_FSM_VERIFY_SUBSCRIBE_END, NDPI_MSG_VERIFY_SUBSCRIBE_END}};
-    static const std::map<uint32_t, uint8_t> messages = {
-        {ND_LIB_FSM_WAIT_SMOOTH, NDPI_MSG_SMOOTH_BEGIN},
-        {ND_LIB_FSM_WAIT_SMOOTH_DATA, NDPI_MSG_SMOOTH_END},
-        {ND_LIB_FSM_VERIFY_WAIT_DATA_BEGIN, NDPI_MSG_VERIFY_DATA_BEGIN}};
-    const bool uploads = state == ND_LIB_FSM_SUBSCRIBE_DATA || state == ND_LIB_FSM_VERIFY_SUBSCRIBE_DATA;
+std::vector<Ndpi> Driver::BecomeReady(const std::vector<Bytes> &download) {
+    const auto ackNext = [this](uint8_t type) {
+        Run(1);
+        EXPECT_EQ(Ack(SentOne(type)), ND_LIB_OK);
+    };
     Up();
-    for (uint32_t from = State(), step = 0; from != state && step < 20; from = State(), ++step) {
-        // The states that need more of the consumer: to go on collecting, or something to upload.
-        if ((state == ND_LIB_FSM_COLLECT_SUBSCRIBE && from == ND_LIB_FSM_REGISTER) ||
-            (state == ND_LIB_FSM_VERIFY_COLLECT_SUBSCRIBE && from == ND_LIB_FSM_READY)) {
-            onPack = [] { return uint32_t{ND_LIB_PACK_MORE}; };
-        } else if (uploads && from == state - 1) {
-            EXPECT_EQ(Subscribe(NumberedItem(1)), ND_LIB_OK);
-        }
-        if (from == ND_LIB_FSM_REGISTER) {
-            EXPECT_EQ(Ack(SentOne(NDPI_MSG_REGISTER)), ND_LIB_OK);
-        } else if (requests.contains(from)) {
-            AckNext(requests.at(from)); // the first timeout in a state sends its message
-        } else if (messages.contains(from)) {
-            Receive({.type = messages.at(from), .seq = state == ND_LIB_FSM_SEQUENCE_ERROR ? step : 1});
-            EXPECT_EQ(Sent().size(), 1U); // its acknowledgement, or the report of the gap
-        } else {
-            if (from == ND_LIB_FSM_READY) {
-                ND_LIB_StartVerify(nd);
-            }
-            for (const Ndpi &data : Sent()) { // of an upload
-                Ack(data);
-            }
-            Run(1);
-        }
+    EXPECT_EQ(Ack(SentOne(NDPI_MSG_REGISTER)), ND_LIB_OK);
+    ackNext(NDPI_MSG_SUBSCRIBE_BEGIN);
+    const auto upload = Sent();
+    for (const Ndpi &data : upload) {
+        EXPECT_EQ(Ack(data), ND_LIB_OK);
     }
-    EXPECT_EQ(State(), state);
-    if (uploads) {
-        (void)Sent();
+    Run(1);
+    ackNext(NDPI_MSG_SUBSCRIBE_END);
+    uint32_t seq = 5;
+    EXPECT_EQ(Receive({.type = NDPI_MSG_SMOOTH_BEGIN, .seq = seq}), ND_LIB_OK);
+    for (const Bytes &body : download) {
+        EXPECT_EQ(Receive({.type = NDPI_MSG_SMOOTH_DATA, .seq = seq++, .body = body}), ND_LIB_OK);
     }
-}
-
-void Driver::Download(uint32_t firstSeq, const std::vector<Bytes> &bodies) {
-    uint32_t seq = firstSeq;
-    EXPECT_EQ(Receive({.type = NDPI_MSG_SMOOTH_BEGIN, .trans = 70, .seq = seq}), ND_LIB_OK);
-    EXPECT_TRUE(SentOne(NDPI_MSG_SMOOTH_BEGIN).IsAck());
-    for (const Bytes &body : bodies) {
-        EXPECT_EQ(Receive({.type = NDPI_MSG_SMOOTH_DATA, .trans = 71, .seq = seq++, .body = body}),
-                  ND_LIB_OK);
-    }
-    EXPECT_TRUE(Sent().empty());
-    EXPECT_EQ(Receive({.type = NDPI_MSG_SMOOTH_END, .trans = 72, .seq = seq}), ND_LIB_OK);
-    EXPECT_TRUE(SentOne(NDPI_MSG_SMOOTH_END).IsAck());
+    EXPECT_EQ(Receive({.type = NDPI_MSG_SMOOTH_END, .seq = seq}), ND_LIB_OK);
+    EXPECT_EQ(Sent().size(), 2U); // the acknowledgements of begin and end
+    EXPECT_EQ(State(), ND_LIB_FSM_READY);
+    return upload;
 }
 
 std::vector<LogLine> Driver::TakeLog() {
@@ -251,7 +216,7 @@ std::vector<std::string> Driver::Pages(uint32_t bufferLen) {
 }
 
 Driver &Driver::Of(const ND_LIB_Instance *instance) {
-    return *Drivers().at(ND_LIB_GetAppLocal(instance));
+    return *g_drivers.at(ND_LIB_GetAppLocal(instance));
 }
 
 uint32_t Driver::Log(ND_LIB_Instance *instance, uint32_t level, const char *format, ...) {

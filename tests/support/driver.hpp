@@ -28,7 +28,6 @@ struct Ndpi {
     uint32_t seq = 0;
     Bytes body = {};
     uint8_t flags = 0;
-    uint32_t receiver = 0; // of a sent message
 
     [[nodiscard]] Bytes Wire() const;
     [[nodiscard]] bool IsAck() const { return (flags & NDPI_ACK_FLAG) != 0; }
@@ -81,6 +80,7 @@ public:
     void Down() { Notify(1); }
     void Notify(uint32_t newState);
     void Deinit();
+    void Silently(const std::function<void()> &act); // without a log function
 
     // ---- What happens to it ----
     void Run(uint64_t seconds) { world.Run(seconds * 1000); }
@@ -89,15 +89,12 @@ public:
     uint32_t ReceiveBytes(const Bytes &bytes, uint32_t subIntf = NDPI_MSG_SUB_INTF, uint32_t sender = kNd);
     // Acknowledges the last message of that type that was taken.
     uint32_t Ack(const Ndpi &request);
-    // A second passes, in which one request of that type goes out, and is acknowledged.
-    void AckNext(uint8_t type);
     std::vector<Ndpi> Sent();   // what went out since the last look
     Ndpi SentOne(uint8_t type); // the same, which must be one message of that type
 
-    // ---- Ways into a state ----
-    void ToState(uint32_t state);
-    // A whole download with these data messages, from begin to the acknowledged end.
-    void Download(uint32_t firstSeq, const std::vector<Bytes> &bodies);
+    // Registers, uploads what is subscribed by then and takes a download of these data messages, until the
+    // instance is ready.  Returns the messages of the upload.
+    std::vector<Ndpi> BecomeReady(const std::vector<Bytes> &download = {});
 
     // ---- What can be seen ----
     [[nodiscard]] uint32_t State() const { return nd->consumer.compFsmState; }
