@@ -12,8 +12,10 @@ uint32_t ND_LIB_GetDiagnoseInfo(ND_LIB_Instance *instance, char *buffer, uint32_
         return ND_LIB_ERR_BUFLEN;
     }
     if (restart == 1) {
-        pegeir::debug::BreakOffPass(instance);
         ND_LIB_ClearDiagnosePosion(instance);
+    }
+    if (instance->diagnoseType == ND_LIB_DIAG_LOCAL_INFO) {
+        pegeir::debug::RewindBoxes(instance); // wherever an abandoned pass or a failed read left them
     }
     if (ND_LIB_ShowDiagnoseInfoByType(instance, buffer, bufferLen, pageLen) == ND_LIB_DIAG_MORE) {
         return ND_LIB_OK;

@@ -132,15 +132,6 @@ bool ReadToEnd(void *box, char *buffer, uint32_t size, uint32_t *unread) {
     }
 }
 
-// The diagnose report that is under way in the box is given up: the next one has all of its lines.
-void Rewind(void *box) {
-    ND_LIB_BlackBoxLine scratch;
-    uint32_t unread = 0;
-    if (box != nullptr) {
-        (void)ReadToEnd(box, scratch, sizeof(scratch), &unread);
-    }
-}
-
 // Reads bytes that nobody needs, from the oldest line on.
 bool Skip(void *box, char *buffer, uint32_t size, uint32_t bytes) {
     while (bytes != 0) {
@@ -304,14 +295,15 @@ void ND_LIB_ReadBlackBox(ND_LIB_Instance *instance, uint32_t box, char *buffer, 
     if (read > 0) {
         instance->diagnoseReadLen = static_cast<uint32_t>(read);
         *count += static_cast<uint32_t>(read);
-    } else if (read < 0) {
-        Rewind(handle); // this report ends here
     }
 }
 
-void pegeir::debug::BreakOffPass(const ND_LIB_Instance *instance) {
-    if (instance->diagnoseReadLen != 0) {
-        const bool first = instance->diagnoseType == ND_LIB_DIAG_BLACKBOX_ASSERT;
-        Rewind(instance->blackBox[first ? ND_LIB_BLACKBOX_ASSERT : ND_LIB_BLACKBOX_INFO].bbHandle);
+void pegeir::debug::RewindBoxes(ND_LIB_Instance *instance) {
+    ND_LIB_BlackBoxLine scratch;
+    for (const ND_LIB_BlackBoxDesc &desc : instance->blackBox) {
+        if (desc.bbHandle != nullptr) {
+            uint32_t unread = 0;
+            (void)ReadToEnd(desc.bbHandle, scratch, sizeof(scratch), &unread);
+        }
     }
 }

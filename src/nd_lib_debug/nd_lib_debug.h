@@ -128,8 +128,8 @@ constexpr bool IsFull(uint32_t position, uint32_t bufferLen) {
     return bufferLen <= 2 || position >= bufferLen - 2;
 }
 
-// Makes the next read of a box whose report is under way begin at its oldest line.
-void BreakOffPass(const ND_LIB_Instance *instance);
+// Makes the next read of each box begin at its oldest line.
+void RewindBoxes(ND_LIB_Instance *instance);
 
 } // namespace pegeir::debug
 
