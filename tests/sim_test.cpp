@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <stdexcept>
 
 // The example in the head of sim.hpp.
@@ -164,6 +165,124 @@ TEST(SimTimers, ExpireAsMessagesUntilTheyAreDeleted) {
     APPTMR_DeleteLib(other);
     world.Run(5000);
     EXPECT_TRUE(world.Leaks().empty() && world.TakeExpiries().empty() && world.Violations().empty());
+}
+
+// One that takes no liberty would try nothing.
+TEST(SimLiberties, AreTaken) {
+    const Liberties all = {.anyAnswers = true,
+                           .noZeroCounts = true,
+                           .oddMessages = true,
+                           .otherTree = true,
+                           .sameHandles = true,
+                           .boxesStay = true,
+                           .shortReads = true,
+                           .noBytes = Liberties::NoBytes::kShared,
+                           .fullBox = Liberties::FullBox::kRefuses,
+                           .expiriesAtWill = true,
+                           .clockAtWill = true};
+    World world({.liberties = all});
+    void *nothing = ZEP_Malloc_F(1, 7, 0, "a", 1);
+    EXPECT_EQ(ZEP_Malloc_F(1, 7, 0, "a", 1), nothing);
+    ZEP_Free_F(nothing, "a", 2);
+    EXPECT_NE(world.Leaks(), "");
+    ZEP_Free_F(nothing, "a", 3);
+    EXPECT_EQ(world.Leaks(), "");
+    EXPECT_NE(memset_s(&nothing, 1, 0, 0), 0);
+    EXPECT_EQ(world.Violations().size(), 1U);
+
+    const Message odd(world, {.bytes = {1, 2, 3}});
+    const auto *data = static_cast<std::uint8_t *>(odd.Data());
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(data) % 2, 1U);
+    const std::uint8_t behind = data[3];
+    std::set<std::uint8_t> seen;
+    for (int call = 0; call < 100; ++call) {
+        EXPECT_NE(DMS_MsgRecvIidGet(odd.Data()), kTimerIid);
+        seen.insert(data[3]);
+    }
+    EXPECT_GT(seen.size(), 10U) << behind;
+
+    const std::uint32_t lib = APPTMR_CreateLib2(8, NoteExpiry, 5);
+    const std::uint32_t instance = APPTMR_CreateInstance(lib, kTimerParams);
+    EXPECT_EQ(instance, lib);
+    std::uint32_t timer = APPTMR_CreatePeriodTimer(instance, 1000, 0, &world, 2);
+    std::set<std::uint32_t> clock;
+    expired.clear();
+    world.AttachTimers(8, [&](void *message) { APPTMR_LibRcvMsg(lib, message, 0, nullptr); });
+    std::set<std::uint64_t> times;
+    for (std::uint32_t second = 0; second < 100; ++second) {
+        world.Run(1000);
+        std::uint32_t now = 0;
+        std::uint32_t unused = 0;
+        KAL_SecondNow(&now, &unused);
+        clock.insert(now - world.Seconds());
+        times.insert(expired.size() - second);
+    }
+    EXPECT_GT(clock.size(), 5U);
+    EXPECT_GT(expired.size(), 102U); // some of them twice
+    EXPECT_GT(times.size(), 5U);     // and not each second one
+    EXPECT_EQ(APPTMR_DeleteTimer(instance, timer), 0U);
+    EXPECT_EQ(APPTMR_CreatePeriodTimer(instance, 1000, 0, &world, 2), timer);
+
+    void *box = CreateBlackBox(300, 1);
+    std::uint32_t written = 0;
+    for (; GetBlackBoxContentLength(box) == static_cast<std::int32_t>(written); written += 100) {
+        (void)WriteBlackBox(box, std::string(100, 'x').data(), 100);
+    }
+    EXPECT_EQ(written, 400U); // of which the last was refused
+    char buffer[300];
+    std::int32_t reads = 0;
+    for (std::int32_t left = 300; left > 0; ++reads) {
+        left -= ReadBlockFromBlackBox(box, buffer, sizeof buffer);
+    }
+    EXPECT_GT(reads, 1);
+    EXPECT_EQ(ReadBlockFromBlackBox(box, buffer, sizeof buffer), 0);
+    EXPECT_EQ(ReadBlockFromBlackBox(box, buffer, sizeof buffer), 0); // it stays there
+    DestroyBlackBox(box);
+
+    std::set<bool> picked[2]; // each liberty is picked and left out by some seed
+    for (std::uint64_t seed = 1; seed < 30; ++seed) {
+        picked[0].insert(Liberties::Of(seed).clockAtWill);
+        picked[1].insert(Liberties::Of(seed, false).clockAtWill);
+    }
+    EXPECT_TRUE(picked[0].size() == 2 && picked[1].size() == 1);
+}
+
+// The tree that is another one is a tree all the same.
+TEST(SimLiberties, AnotherTreeHoldsWhatItIsGiven) {
+    struct Entry {
+        KAL_RBT_Node links;
+        std::uint32_t key;
+    };
+    World world({.liberties = {.otherTree = true}});
+    KAL_RBT_Tree tree = {&tree.sentinel, {nullptr, {nullptr, nullptr}, KAL_RBT_BLACK}, 0, 0};
+    std::vector<Entry> entries(200);
+    std::set<std::uint32_t> held;
+    const auto keyOf = [](const KAL_RBT_Node *node) { return reinterpret_cast<const Entry *>(node)->key; };
+    for (std::uint32_t step = 0; step < 2000; ++step) {
+        const std::uint32_t key = step * 7919 % 200;
+        Entry &entry = entries[key];
+        if (held.erase(key) != 0) {
+            KAL_RBT_RemoveNode(&tree, &entry.links);
+        } else {
+            KAL_RBT_Node *parent = &tree.sentinel;
+            KAL_RBT_Node **link = &tree.root;
+            while (*link != &tree.sentinel) {
+                parent = *link;
+                link = &parent->child[keyOf(parent) > key ? 1 : 0];
+            }
+            entry = {{parent, {&tree.sentinel, &tree.sentinel}, KAL_RBT_RED}, key};
+            *link = &entry.links;
+            held.insert(key);
+            KAL_RBT_InsertNodeFixup(&tree, &entry.links);
+        }
+        std::vector<std::uint32_t> found;
+        for (KAL_RBT_Node *node = KAL_RBT_FirstNode(&tree); node != nullptr;
+             node = KAL_RBT_NextNode(&tree, node)) {
+            found.push_back(keyOf(node));
+        }
+        ASSERT_EQ(found, std::vector<std::uint32_t>(held.rbegin(), held.rend()));
+        ASSERT_EQ(tree.count, held.size());
+    }
 }
 
 std::uint32_t LogNothing(ND_LIB_Instance *, std::uint32_t, const char *, ...) {

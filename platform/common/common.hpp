@@ -1,8 +1,8 @@
 // What every platform shares: the parts of pegeir/platform.h that need no operating system.
 //
-// tree.cpp and text.cpp define their operations of the contract themselves: KAL_RBT_*, memcpy_s,
-// memset_s, snprintf_truncated_s, vsnprintf_truncated_s, KAL_MemCmp, KAL_StrCmp.  Linking
-// pegeir_common is all that a platform does for them.
+// Tree, memory and text functions come twice: here, for a platform that puts something of its own around
+// them, and in contract.cpp under the names of the contract (KAL_RBT_*, memcpy_s, ...), for one that links
+// pegeir_common_contract and is done.
 //
 // Black boxes need memory, which is the platform's to account for.  So the box is given here as
 // operations on memory that the platform has allocated, and each platform defines CreateBlackBox and
@@ -39,6 +39,17 @@ void *BoxMake(void *memory, std::uint32_t size);
 // GetBlackBoxContentLength, GetBlackBoxBufferLen; 0 for a null box.
 [[nodiscard]] std::int32_t BoxContentLength(const void *object);
 [[nodiscard]] std::int32_t BoxCapacity(const void *object);
+
+// KAL_RBT_FirstNode, KAL_RBT_NextNode, KAL_RBT_RemoveNode, KAL_RBT_InsertNodeFixup.
+[[nodiscard]] KAL_RBT_Node *TreeFirst(KAL_RBT_Tree *tree);
+[[nodiscard]] KAL_RBT_Node *TreeNext(KAL_RBT_Tree *tree, KAL_RBT_Node *node);
+void TreeRemove(KAL_RBT_Tree *tree, KAL_RBT_Node *node);
+void TreeInsertFixup(KAL_RBT_Tree *tree, KAL_RBT_Node *node);
+
+// memcpy_s, memset_s, vsnprintf_truncated_s.
+int CopyBytes(void *destination, size_t destinationSize, const void *source, size_t count);
+int FillBytes(void *destination, size_t destinationSize, int value, size_t count);
+int FormatText(char *text, size_t size, const char *format, va_list arguments) PEGEIR_PLATFORM_PRINTF(3, 0);
 
 } // namespace pegeir::common
 

@@ -1,18 +1,19 @@
 // Bounded memory and text functions.  What they add to libc is that the size of the destination is
 // always known, and that a mistake is an answer and never a write.
 
-#include <pegeir/platform.h>
+#include "common/common.hpp"
 
 #include <cstdio>
 #include <cstring>
 
+namespace pegeir::common {
 namespace {
 
 constexpr int kRefused = 1;
 
 } // namespace
 
-int memcpy_s(void *destination, size_t destinationSize, const void *source, size_t count) {
+int CopyBytes(void *destination, size_t destinationSize, const void *source, size_t count) {
     if (destination == nullptr || source == nullptr || count > destinationSize) {
         return kRefused;
     }
@@ -20,7 +21,7 @@ int memcpy_s(void *destination, size_t destinationSize, const void *source, size
     return 0;
 }
 
-int memset_s(void *destination, size_t destinationSize, int value, size_t count) {
+int FillBytes(void *destination, size_t destinationSize, int value, size_t count) {
     if (destination == nullptr || count > destinationSize) {
         return kRefused;
     }
@@ -28,7 +29,7 @@ int memset_s(void *destination, size_t destinationSize, int value, size_t count)
     return 0;
 }
 
-int vsnprintf_truncated_s(char *text, size_t size, const char *format, va_list arguments) {
+int FormatText(char *text, size_t size, const char *format, va_list arguments) {
     if (text == nullptr || size == 0 || format == nullptr) {
         return -1;
     }
@@ -40,18 +41,4 @@ int vsnprintf_truncated_s(char *text, size_t size, const char *format, va_list a
     return static_cast<size_t>(wanted) < size ? wanted : static_cast<int>(size - 1);
 }
 
-int snprintf_truncated_s(char *text, size_t size, const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    const int written = vsnprintf_truncated_s(text, size, format, arguments);
-    va_end(arguments);
-    return written;
-}
-
-int KAL_MemCmp(const void *left, const void *right, size_t count) {
-    return std::memcmp(left, right, count);
-}
-
-int KAL_StrCmp(const char *left, const char *right) {
-    return std::strcmp(left, right);
-}
+} // namespace pegeir::common

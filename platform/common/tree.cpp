@@ -7,10 +7,11 @@
 // Every missing link is the sentinel, so that no step needs a test for it; a removal lends the
 // sentinel a parent while it climbs, and takes it back at the end.
 
-#include <pegeir/platform.h>
+#include "common/common.hpp"
 
 #include <initializer_list>
 
+namespace pegeir::common {
 namespace {
 
 constexpr int kGreater = 0;
@@ -90,14 +91,14 @@ void RemoveFixup(Tree *tree, Node *node) {
 
 } // namespace
 
-KAL_RBT_Node *KAL_RBT_FirstNode(KAL_RBT_Tree *tree) {
+KAL_RBT_Node *TreeFirst(KAL_RBT_Tree *tree) {
     if (tree == nullptr || tree->root == nullptr || tree->root == &tree->sentinel) {
         return nullptr;
     }
     return Outermost(tree, tree->root, kLesser);
 }
 
-KAL_RBT_Node *KAL_RBT_NextNode(KAL_RBT_Tree *tree, KAL_RBT_Node *node) {
+KAL_RBT_Node *TreeNext(KAL_RBT_Tree *tree, KAL_RBT_Node *node) {
     if (tree == nullptr || node == nullptr) {
         return nullptr;
     }
@@ -112,7 +113,7 @@ KAL_RBT_Node *KAL_RBT_NextNode(KAL_RBT_Tree *tree, KAL_RBT_Node *node) {
     return parent == &tree->sentinel ? nullptr : parent;
 }
 
-void KAL_RBT_InsertNodeFixup(KAL_RBT_Tree *tree, KAL_RBT_Node *node) {
+void TreeInsertFixup(KAL_RBT_Tree *tree, KAL_RBT_Node *node) {
     ++tree->count;
     while (IsRed(node->parent)) {
         Node *parent = node->parent;
@@ -138,7 +139,7 @@ void KAL_RBT_InsertNodeFixup(KAL_RBT_Tree *tree, KAL_RBT_Node *node) {
     tree->root->colour = KAL_RBT_BLACK;
 }
 
-void KAL_RBT_RemoveNode(KAL_RBT_Tree *tree, KAL_RBT_Node *node) {
+void TreeRemove(KAL_RBT_Tree *tree, KAL_RBT_Node *node) {
     // A node with two children cannot be cut out; its successor, which has no lesser child, is cut out
     // in its stead and then takes its place and colour.
     Node *cut = node;
@@ -164,3 +165,5 @@ void KAL_RBT_RemoveNode(KAL_RBT_Tree *tree, KAL_RBT_Node *node) {
     tree->sentinel.parent = nullptr;
     --tree->count;
 }
+
+} // namespace pegeir::common

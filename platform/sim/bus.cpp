@@ -1,7 +1,8 @@
 // The bus: messages, their envelopes, and their way from a send to a handler.
 //
 // The data area of a message is a block of its own, exactly as long as the message, and the envelope
-// stands in a table beside it, so that a sanitizer guards both ends of the data.
+// stands in a table beside it, so that a sanitizer guards both ends of the data.  A platform that takes
+// liberties has it begin and end within a block.
 
 #include "state.hpp"
 
@@ -27,6 +28,11 @@ void *MakeReceived(State &state, const Record &record) {
     Record envelope = record;
     envelope.bytes = {};
     const auto size = static_cast<std::uint32_t>(record.bytes.size());
+    if (state.options.liberties.anyAnswers) {
+        envelope.intf = Anything(state); // which nobody looks at
+        const std::uint32_t iid = Anything(state);
+        envelope.iid = record.iid == kTimerIid || iid == kTimerIid ? record.iid : iid;
+    }
     void *data = MakeMessage(state, std::move(envelope), size, true, {"received", 0});
     if (size > 0) {
         std::memcpy(data, record.bytes.data(), size);
@@ -37,27 +43,39 @@ void *MakeReceived(State &state, const Record &record) {
 } // namespace
 
 void *MakeMessage(State &state, Record envelope, std::uint32_t size, bool received, Place place) {
-    void *data = std::malloc(size);
-    if (data == nullptr) {
+    const bool odd = state.options.liberties.oddMessages;
+    const std::size_t before = odd ? 1 + 2 * (state.whim() % 4) : 0;
+    const std::size_t behind = odd ? 1 + state.whim() % 32 : 0;
+    auto *memory = static_cast<std::uint8_t *>(std::malloc(before + size + behind));
+    if (memory == nullptr) {
         throw std::bad_alloc();
     }
-    std::memset(data, kMessagePattern, size);
-    state.messages.emplace(data, LiveMessage{std::move(envelope), size, received, place});
-    return data;
+    std::memset(memory, kMessagePattern, before + size + behind);
+    state.messages.emplace(memory + before,
+                           LiveMessage{std::move(envelope), size, received, place, memory, behind});
+    return memory + before;
 }
 
 LiveMessage *FindMessage(State &state, const void *data, const char *call) {
     const auto found = state.messages.find(data);
     if (found != state.messages.end()) {
-        return &found->second;
+        LiveMessage &message = found->second;
+        if (message.behind != 0) {
+            Scribble(state,
+                     const_cast<std::uint8_t *>(static_cast<const std::uint8_t *>(data)) + message.size,
+                     message.behind);
+        }
+        return &message;
     }
     Violation(state, std::string(call) + " on what is no live message");
     return nullptr;
 }
 
 void ReleaseMessage(State &state, const void *data) {
-    state.messages.erase(data);
-    Retire(state, const_cast<void *>(data));
+    const auto found = state.messages.find(data);
+    void *memory = found->second.memory;
+    state.messages.erase(found);
+    Retire(state, memory);
 }
 
 void Enqueue(State &state, Record record, bool expiry, std::uint64_t dueMs) {

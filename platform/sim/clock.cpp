@@ -2,6 +2,7 @@
 
 #include "state.hpp"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 
@@ -39,6 +40,21 @@ std::optional<std::int64_t> UnixMs(const SysTime &time) {
     return sum.time_since_epoch().count();
 }
 
+namespace {
+
+// Lets the monotonic clock err: mostly it goes on as it is, sometimes it stands or jumps.
+void LetItErr(State &state) {
+    constexpr std::int32_t kMost = 10;
+    const std::uint64_t drawn = state.whim() % 16;
+    if (drawn == 0) {
+        state.clockOff = static_cast<std::int32_t>(state.whim() % (2 * kMost + 1)) - kMost;
+    } else if (drawn < 3) {
+        state.clockOff = std::max(state.clockOff - 1, -kMost);
+    }
+}
+
+} // namespace
+
 std::uint64_t World::Uptime() const {
     return state->uptimeMs;
 }
@@ -70,8 +86,11 @@ using namespace pegeir::sim;
 
 void KAL_SecondNow(uint32_t *seconds, uint32_t *second) {
     State &state = Here();
-    *seconds = state.world->Seconds();
-    *second = static_cast<uint32_t>(state.uptimeMs);
+    if (state.options.liberties.clockAtWill) {
+        LetItErr(state);
+    }
+    *seconds = state.world->Seconds() + static_cast<uint32_t>(state.clockOff);
+    *second = AnyAnswer(static_cast<uint32_t>(state.uptimeMs));
 }
 
 uint32_t ZEP_GMT_SystimeGet(SysTime *gmt) {
@@ -80,6 +99,7 @@ uint32_t ZEP_GMT_SystimeGet(SysTime *gmt) {
         return failure->code;
     }
     *gmt = FromUnixMs(state.wallMs + static_cast<std::int64_t>(state.uptimeMs));
+    gmt->weekday = static_cast<uint8_t>(AnyAnswer(gmt->weekday));
     return 0;
 }
 
@@ -95,5 +115,7 @@ uint32_t ZEP_Gmt2LocalTime(const SysTime *gmt, SysTime *local, uint32_t *flag) {
     }
     *flag = 0; // not promised to stay
     *local = FromUnixMs(*ms + state.zoneMinutes * kMsPerMinute);
-    return 0;
+    local->year = static_cast<uint16_t>(AnyAnswer(local->year));
+    local->weekday = static_cast<uint8_t>(AnyAnswer(local->weekday));
+    return AnyAnswer(0);
 }

@@ -63,7 +63,7 @@ std::optional<Failure> CountCall(State &state, Op op) {
                 rule.firstFailureMs = state.uptimeMs;
             }
             ++state.failures;
-            return Failure{rule.fault.code, rule.fault.shorten};
+            return Failure{AnyError(state, rule.fault.code), rule.fault.shorten};
         }
     }
     return std::nullopt;

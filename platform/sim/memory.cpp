@@ -1,6 +1,5 @@
-// Memory, accounted to the line of code that asked for it, and the black boxes, which are memory too.
+// Memory, accounted to the line of code that asked for it.
 
-#include "common/common.hpp"
 #include "state.hpp"
 
 #include <algorithm>
@@ -10,8 +9,6 @@
 
 namespace pegeir::sim {
 namespace {
-
-constexpr Place kBoxPlace = {"black box", 0};
 
 // How many blocks are kept back from reuse.  AddressSanitizer keeps them back itself, and then knows
 // who used one that was released.
@@ -40,7 +37,7 @@ std::vector<Block> InOrder(const State &state) {
 
 void *AllocateBlock(State &state, Place place, std::uint32_t size, std::uint32_t memHandle,
                     std::uint8_t partition, bool box) {
-    void *memory = std::malloc(size);
+    void *memory = std::malloc(std::max(size, 1U)); // none at all might be answered with null
     if (memory == nullptr || !state.options.checks) {
         return memory;
     }
@@ -141,7 +138,7 @@ std::string World::Leaks() const {
             add("message", message.place, message.size);
         }
     }
-    std::string text;
+    std::string text = state->noBytes == 0 ? "" : "memory of no bytes\n";
     for (const auto &[key, sum] : sums) {
         text += key.first + " of " + key.second + ": " + std::to_string(sum.first) + " with " +
                 std::to_string(sum.second) + " bytes\n";
@@ -155,69 +152,35 @@ using namespace pegeir::sim;
 
 uint8_t g_aucZepMemPt[] = {7};
 
+namespace {
+
+char nothing; // what requests for no bytes share
+
+} // namespace
+
 void *ZEP_Malloc_F(uint32_t memHandle, uint8_t memPartition, uint32_t size, const char *source,
                    uint32_t line) {
     State &state = Here();
     if (CountCall(state, Op::kMalloc)) {
         return nullptr;
     }
+    if (memPartition != g_aucZepMemPt[0]) {
+        Violation(state, At({source, line}) + " allocates from a partition that there is not");
+        return nullptr;
+    }
+    if (size == 0 && state.options.liberties.noBytes != Liberties::NoBytes::kDistinct) {
+        const bool isShared = state.options.liberties.noBytes == Liberties::NoBytes::kShared;
+        state.noBytes += isShared ? 1U : 0U;
+        return isShared ? &nothing : nullptr;
+    }
     return AllocateBlock(state, {source, line}, size, memHandle, memPartition, false);
 }
 
 void ZEP_Free_F(void *memory, const char *source, uint32_t line) {
-    FreeBlock(Here(), memory, {source, line}, false);
-}
-
-namespace {
-
-// Boxes that are none would be written to: better a violation than a crash.
-bool IsBox(State &state, void *box, const char *call) {
-    const auto found = state.blocks.find(box);
-    if (!state.options.checks || (found != state.blocks.end() && found->second.box)) {
-        return true;
-    }
-    Violation(state, std::string(call) + " on what is no black box");
-    return false;
-}
-
-} // namespace
-
-void *CreateBlackBox(uint32_t size, uint32_t memHandle) {
     State &state = Here();
-    const std::size_t bytes = pegeir::common::BoxObjectSize(size);
-    if (CountCall(state, Op::kCreateBlackBox) || bytes == 0) {
-        return nullptr;
+    if (memory == &nothing && state.noBytes != 0) {
+        --state.noBytes;
+        return;
     }
-    void *memory =
-        AllocateBlock(state, kBoxPlace, static_cast<uint32_t>(bytes), memHandle, g_aucZepMemPt[0], true);
-    return memory == nullptr ? nullptr : pegeir::common::BoxMake(memory, size);
-}
-
-void DestroyBlackBox(void *box) {
-    FreeBlock(Here(), box, kBoxPlace, true);
-}
-
-int32_t WriteBlackBox(void *box, const void *bytes, uint32_t length) {
-    State &state = Here();
-    if (CountCall(state, Op::kWriteBlackBox) || !IsBox(state, box, "WriteBlackBox")) {
-        return -1;
-    }
-    return pegeir::common::BoxWrite(box, bytes, length);
-}
-
-int32_t ReadBlockFromBlackBox(void *box, void *buffer, uint32_t length) {
-    State &state = Here();
-    const auto failure = CountCall(state, Op::kReadBlackBox);
-    if ((failure && !failure->shorten) || !IsBox(state, box, "ReadBlockFromBlackBox")) {
-        return -1;
-    }
-    return pegeir::common::BoxRead(box, buffer, failure ? std::min(length, *failure->shorten) : length);
-}
-
-int32_t GetBlackBoxContentLength(void *box) {
-    return IsBox(Here(), box, "GetBlackBoxContentLength") ? pegeir::common::BoxContentLength(box) : 0;
-}
-
-int32_t GetBlackBoxBufferLen(void *box) {
-    return IsBox(Here(), box, "GetBlackBoxBufferLen") ? pegeir::common::BoxCapacity(box) : 0;
+    FreeBlock(state, memory, {source, line}, false);
 }

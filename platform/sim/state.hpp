@@ -1,8 +1,9 @@
 // What a World is made of, for the files that implement it; users see pegeir/sim.hpp alone.
 //
-// Each file owns one concern: faults.cpp decides whether a call fails, memory.cpp accounts for blocks
-// and boxes, bus.cpp for messages and their way, link.cpp makes that way a bad one, clock.cpp and
-// timers.cpp are about time.
+// Each file owns one concern: faults.cpp decides whether a call fails, liberties.cpp what is left to chance,
+// memory.cpp accounts for blocks, boxes.cpp keeps what is traced, bus.cpp messages and their way, link.cpp
+// makes that way a bad one, clock.cpp and timers.cpp are about time, tree.cpp and text.cpp about what all
+// platforms share.
 // They meet in State, which has no invariants beyond those of its parts.
 #ifndef PEGEIR_SIM_STATE_HPP
 #define PEGEIR_SIM_STATE_HPP
@@ -54,6 +55,15 @@ struct LiveMessage {
     std::uint32_t size;
     bool received;
     Place place;
+    std::uint8_t *memory; // that the data area lies in
+    std::size_t behind;   // bytes of it behind the data area
+};
+
+// A box that takes liberties, beside the object that the library knows it by.
+struct WilfulBox {
+    std::uint32_t size;
+    std::string text = {};
+    std::size_t reader = 0;
 };
 
 struct Queued {
@@ -71,6 +81,7 @@ struct Timer {
     std::uint32_t periodMs;
     std::uint64_t dueMs;
     void *param;
+    bool lookedUp = false; // and not deleted since
 };
 
 struct State {
@@ -83,11 +94,14 @@ struct State {
     std::uint64_t failures = 0;
     std::vector<Op> callLog;
 
+    std::mt19937_64 whim; // of liberties
+
     std::uint64_t uptimeMs = 0;
     std::uint32_t seconds = 1000; // at secondsSetMs
     std::uint64_t secondsSetMs = 0;
     std::int64_t wallMs = 0; // Unix time at uptime 0
     std::int32_t zoneMinutes = 0;
+    std::int32_t clockOff = 0; // seconds that the monotonic clock errs
 
     std::unordered_map<void *, Block> blocks;
     std::unordered_map<void *, Place> freed; // where a retired block was freed
@@ -95,6 +109,8 @@ struct State {
     std::uint64_t blockSerial = 0;
     std::uint64_t liveBytes = 0;
     std::uint64_t peakBytes = 0;
+    std::uint64_t noBytes = 0; // live answers to requests for none, where they share one
+    std::unordered_map<const void *, WilfulBox> boxes;
 
     std::unordered_map<const void *, LiveMessage> messages;
     std::map<std::uint32_t, Handler> processes;
@@ -121,6 +137,14 @@ std::optional<Failure> CountCall(State &state, Op op);
 
 // Draws once; true with this probability.
 bool Chance(std::mt19937_64 &random, double probability);
+
+// Whether the World takes liberties at all: what costs nothing else asks this first.
+extern bool takesLiberties;
+std::uint32_t Anything(State &state);
+// Returns what an answer without a promised value is.
+std::uint32_t AnyAnswer(std::uint32_t expected);
+std::uint32_t AnyError(State &state, std::uint32_t code); // never 0
+void Scribble(State &state, void *bytes, std::size_t count);
 
 void Violation(State &state, std::string text);
 std::string At(const Place &place);

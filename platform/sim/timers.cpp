@@ -33,6 +33,25 @@ Record ExpiryMessage(const State &state, std::uint32_t timerId, const Timer &tim
     return record;
 }
 
+// Returns a handle for another entry of these.
+template <typename Entries>
+std::uint32_t NewHandle(State &state, const Entries &entries) {
+    if (!state.options.liberties.sameHandles) {
+        return ++state.lastTimerId;
+    }
+    std::uint32_t handle = 0xFFFFFFFF;
+    while (entries.contains(handle)) {
+        --handle;
+    }
+    return handle;
+}
+
+// Returns by how much an expiry is late.
+std::uint64_t Lateness(State &state) {
+    constexpr std::uint64_t kMostMs = 2500;
+    return state.whim() % 4 == 0 ? state.whim() % kMostMs : 0;
+}
+
 void DropInstance(State &state, std::uint32_t instance) {
     std::erase_if(state.timers, [instance](const auto &timer) { return timer.second.instance == instance; });
     state.timerInstances.erase(instance);
@@ -49,7 +68,11 @@ void ExpireTimers(State &state, std::uint64_t untilMs) {
     while (NextExpiryMs(state) <= untilMs) {
         const auto id = Earliest(state)->first;
         Timer &timer = state.timers.at(id);
-        Enqueue(state, ExpiryMessage(state, id, timer), true, timer.dueMs);
+        const bool atWill = state.options.liberties.expiriesAtWill;
+        if (atWill && state.whim() % 8 == 0) {
+            Enqueue(state, ExpiryMessage(state, id, timer), true, timer.dueMs + Lateness(state));
+        }
+        Enqueue(state, ExpiryMessage(state, id, timer), true, timer.dueMs + (atWill ? Lateness(state) : 0));
         timer.dueMs += timer.periodMs;
     }
 }
@@ -79,8 +102,9 @@ uint32_t APPTMR_CreateLib2(uint32_t timerHandle, APPTMR_ExpiryFunc expiry, uint3
         Violation(state, "APPTMR_CreateLib2 without an expiry callback");
         return 0;
     }
-    state.timerLibs[++state.lastTimerId] = {timerHandle, expiry};
-    return state.lastTimerId;
+    const uint32_t handle = NewHandle(state, state.timerLibs);
+    state.timerLibs[handle] = {timerHandle, expiry};
+    return handle;
 }
 
 uint32_t APPTMR_CreateInstance(uint32_t lib, const uint32_t *params) {
@@ -93,8 +117,9 @@ uint32_t APPTMR_CreateInstance(uint32_t lib, const uint32_t *params) {
         Violation(state, "APPTMR_CreateInstance in an unknown library, or without 1, 120, 500");
         return 0;
     }
-    state.timerInstances[++state.lastTimerId] = lib;
-    return state.lastTimerId;
+    const uint32_t handle = NewHandle(state, state.timerInstances);
+    state.timerInstances[handle] = lib;
+    return handle;
 }
 
 uint32_t APPTMR_CreatePeriodTimer(uint32_t instance, uint32_t periodMs, uint32_t zero, void *param,
@@ -107,22 +132,30 @@ uint32_t APPTMR_CreatePeriodTimer(uint32_t instance, uint32_t periodMs, uint32_t
         Violation(state, "APPTMR_CreatePeriodTimer in an unknown instance, or with a bad argument");
         return 0;
     }
-    state.timers[++state.lastTimerId] = {instance, periodMs, state.uptimeMs + periodMs, param};
-    return state.lastTimerId;
+    const uint32_t id = NewHandle(state, state.timers);
+    state.timers[id] = {instance, periodMs, state.uptimeMs + periodMs, param};
+    return id;
 }
 
 void *APPTMR_GetTimerParam(uint32_t instance, uint32_t timerId) {
-    const State &state = Here();
+    State &state = Here();
     const auto found = state.timers.find(timerId);
-    return found == state.timers.end() || found->second.instance != instance ? nullptr : found->second.param;
+    if (found == state.timers.end() || found->second.instance != instance) {
+        return nullptr;
+    }
+    found->second.lookedUp = true;
+    return found->second.param;
 }
 
 uint32_t APPTMR_DeleteTimer(uint32_t instance, uint32_t timerId) {
     State &state = Here();
+    const auto found = state.timers.find(timerId);
+    if (found != state.timers.end()) {
+        found->second.lookedUp = false;
+    }
     if (const auto failure = CountCall(state, Op::kTimerDelete)) {
         return failure->code;
     }
-    const auto found = state.timers.find(timerId);
     if (found == state.timers.end() || found->second.instance != instance) {
         return kRefused;
     }
@@ -144,13 +177,16 @@ uint32_t APPTMR_LibRcvMsg(uint32_t lib, void *message, uint32_t zero, void *arg)
     std::memcpy(&timerId, message, sizeof timerId);
     const auto found = state.timers.find(timerId);
     if (found == state.timers.end()) {
-        return 0;
+        if (state.options.liberties.expiriesAtWill) {
+            state.timerLibs.at(lib).expiry(timerId, kExpiryValue, nullptr, arg);
+        }
+        return AnyAnswer(0);
     }
     if (state.timerInstances.at(found->second.instance) != lib) {
         return kRefused;
     }
-    state.timerLibs.at(lib).expiry(timerId, kExpiryValue, found->second.param, arg);
-    return 0;
+    state.timerLibs.at(lib).expiry(timerId, AnyAnswer(kExpiryValue), found->second.param, arg);
+    return AnyAnswer(0);
 }
 
 void APPTMR_DeleteInstance(uint32_t instance) {

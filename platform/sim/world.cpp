@@ -40,11 +40,15 @@ World::World(Options options) : state(std::make_unique<State>()) {
     }
     state->world = this;
     state->options = options;
+    state->whim.seed(options.liberties.seed);
     SetGmt(kBeginning);
     current = state.get();
+    takesLiberties =
+        options.liberties.anyAnswers || options.liberties.noZeroCounts || options.liberties.otherTree;
 }
 
 World::~World() {
+    takesLiberties = false;
     ReleaseAll(*state);
     current = nullptr;
 }

@@ -36,8 +36,8 @@ PEGEIR_PLATFORM_API extern uint8_t g_aucZepMemPt[];
 
 /*
  * Returns size bytes, aligned for any type and of any content, charged to memHandle and memPartition,
- * or null when they cannot be had.  size 0 answers a distinct block like any other size.  The block
- * is the caller's until ZEP_Free_F.
+ * or null when they cannot be had.  size 0 is answered with null or with any address that ZEP_Free_F takes
+ * back.  The block is the caller's until ZEP_Free_F.
  */
 PEGEIR_PLATFORM_API void *ZEP_Malloc_F(uint32_t memHandle, uint8_t memPartition, uint32_t size,
                                        const char *source, uint32_t line);
@@ -60,7 +60,7 @@ PEGEIR_PLATFORM_API void ZEP_Assert(const char *source, uint32_t line, uint32_t 
  */
 
 /*
- * Returns a message with a data area of size bytes (1 to 65535, aligned to 4 bytes, of any content)
+ * Returns a message with a data area of size bytes (1 to 65535, at any address, of any content)
  * from sender to receiver, or null when none can be had now.
  * It is the caller's until ZEP_SEND_MSG or DMS_MsgFree.
  */
@@ -96,7 +96,11 @@ PEGEIR_PLATFORM_API void DMS_ZEP_MSG_SET_SUB_INTF(void *message, uint32_t value)
 /* Returns the sub-interface of a received message. */
 PEGEIR_PLATFORM_API uint32_t DMS_ZEP_MSG_GET_SUB_INTF(const void *message);
 
-/* Returns the number of data bytes of a received message: the library reads no byte behind them. */
+/*
+ * Returns the number of data bytes of a received message: the library reads no byte behind them.
+ * The one optional operation: where it is missing, the library takes a message at its word, which a platform
+ * on which only trusted code can send may allow itself.
+ */
 PEGEIR_PLATFORM_API uint32_t DMS_MsgDataLenGet(const void *message);
 
 /* ---- Clock ----------------------------------------------------------------------------------- */
@@ -113,14 +117,15 @@ typedef struct SysTime {
     uint32_t millisecond;
 } SysTime;
 
-/* Stores the seconds of a clock that does not jump into *seconds, and a value of the platform's own
- * into *second.  Neither pointer is null. */
+/* Stores the seconds of a clock into *seconds, and a value of the platform's own into *second.  Neither
+ * pointer is null.  A clock that jumps or goes back stretches or shortens what waits, and breaks nothing. */
 PEGEIR_PLATFORM_API void KAL_SecondNow(uint32_t *seconds, uint32_t *second);
 
 /* Stores the present GMT date and time into *gmt.  Returns 0, or an error code. */
 PEGEIR_PLATFORM_API uint32_t ZEP_GMT_SystimeGet(SysTime *gmt);
 
-/* Converts *gmt to local time into *local.  *flag is 1 on entry.  Returns 0, or an error code. */
+/* Converts *gmt to local time into *local.  *flag is 1 on entry.  What it returns is not looked at; a
+ * conversion that fails leaves *local as it was, which is *gmt. */
 PEGEIR_PLATFORM_API uint32_t ZEP_Gmt2LocalTime(const SysTime *gmt, SysTime *local, uint32_t *flag);
 
 /* ---- Red-black tree -------------------------------------------------------------------------- */
@@ -147,7 +152,7 @@ typedef struct KAL_RBT_Tree {
     uint32_t count; /* nodes in the tree */
 } KAL_RBT_Tree;
 
-/* Returns the first node in traversal order, or null for an empty tree. */
+/* Returns the first node in traversal order, which is the platform's own, or null for an empty tree. */
 PEGEIR_PLATFORM_API KAL_RBT_Node *KAL_RBT_FirstNode(KAL_RBT_Tree *tree);
 
 /* Returns the node behind node in traversal order, or null after the last one and for a null node.
@@ -209,8 +214,8 @@ PEGEIR_PLATFORM_API void APPTMR_DeleteLib(uint32_t lib);
 enum { BLACK_BOX_LINE_SIZE = 256 };
 
 /*
- * How each box object begins.  The library formats a line in place and hands it to WriteBlackBox; it
- * writes no line, and takes no box in place of another, while usable is 0.
+ * How each box object begins; all but usable may hold anything.  The library formats a line in place and hands
+ * it to WriteBlackBox; it writes no line, and takes no box in place of another, while usable is 0.
  */
 typedef struct BlackBoxHead {
     uint32_t reserved1;
@@ -228,16 +233,16 @@ PEGEIR_PLATFORM_API void DestroyBlackBox(void *box);
 
 /*
  * Appends length bytes, which may lie in the box's own line buffer: one line ending in a line feed, or
- * several such lines.  A box that is full drops its oldest whole lines to make room.
- * Returns length, or -1.
+ * several such lines, of which the first may be the rest of one.  What a full box does is the platform's: drop
+ * its oldest lines, or refuse.  Returns a status of the platform's own.
  */
 PEGEIR_PLATFORM_API int32_t WriteBlackBox(void *box, const void *bytes, uint32_t length);
 
 /*
  * Copies up to length bytes of the stored lines into buffer, oldest first, going on where the last
- * call stopped.  Returns the number of bytes copied; 0 once everything has been read, after which the
- * next call begins at the oldest line again; -1 on failure, with the position unchanged.
- * Reading removes nothing.
+ * call stopped; fewer than there are may be copied.  Returns the number of bytes copied; 0 once everything
+ * has been read, after which the next call begins at the oldest line again or finds what has been written
+ * since, as the platform has it; -1 on failure.  Reading removes nothing from the content.
  */
 PEGEIR_PLATFORM_API int32_t ReadBlockFromBlackBox(void *box, void *buffer, uint32_t length);
 
@@ -249,7 +254,8 @@ PEGEIR_PLATFORM_API int32_t GetBlackBoxBufferLen(void *box);
 
 /*
  * memcpy and memset with the size of the destination.  They return 0, or an error code when a pointer
- * is null or count is above destinationSize; nothing is written then.  Areas must not overlap.
+ * is null or count is above destinationSize; nothing is written then.  They may refuse a count of 0, with
+ * which the library does not call them.  Areas must not overlap.
  */
 PEGEIR_PLATFORM_API int memcpy_s(void *destination, size_t destinationSize, const void *source, size_t count);
 PEGEIR_PLATFORM_API int memset_s(void *destination, size_t destinationSize, int value, size_t count);
@@ -264,7 +270,7 @@ PEGEIR_PLATFORM_API int snprintf_truncated_s(char *text, size_t size, const char
 PEGEIR_PLATFORM_API int vsnprintf_truncated_s(char *text, size_t size, const char *format, va_list arguments)
     PEGEIR_PLATFORM_PRINTF(3, 0);
 
-/* memcmp and strcmp. */
+/* memcmp and strcmp: negative, 0 or positive, of any magnitude. */
 PEGEIR_PLATFORM_API int KAL_MemCmp(const void *left, const void *right, size_t count);
 PEGEIR_PLATFORM_API int KAL_StrCmp(const char *left, const char *right);
 

@@ -159,10 +159,38 @@ struct Allocation {
     std::uint8_t partition = 0;
 };
 
+// ---- Liberties -----------------------------------------------------------------------------------
+
+// What the contract leaves to a platform.  The sim is friendly: it does what most people would expect.  A
+// consumer that also lives with Liberties::Of(seed) for a few seeds relies on nothing but the contract.
+struct Liberties {
+    // What a request for no bytes is answered with, and what a full trace box does.
+    enum class NoBytes : std::uint8_t { kDistinct, kShared, kNull };
+    enum class FullBox : std::uint8_t { kForgetsLines, kForgetsBytes, kRefuses };
+
+    std::uint64_t seed = 0;  // of what is left to chance
+    bool anyAnswers = false; // error codes, statuses, differences, fields without a promised value: anything
+    bool noZeroCounts = false; // memcpy_s and memset_s refuse a count of 0
+    bool oddMessages = false;  // begin at odd addresses, with bytes behind their end that keep changing
+    bool otherTree = false;    // of another shape, gone through backwards
+    bool sameHandles = false;  // timers, too: of the highest value, equal across kinds, given anew at once
+    bool boxesStay = false;    // a box that was read to its end does not begin again
+    bool shortReads = false;   // of boxes
+    NoBytes noBytes = NoBytes::kDistinct;
+    FullBox fullBox = FullBox::kForgetsLines;
+    bool expiriesAtWill = false; // late, twice, and without a timer for those of deleted ones
+    bool clockAtWill = false;    // KAL_SecondNow stands, jumps and goes back, by ten seconds at most
+
+    // Returns the liberties that seed picks.  Without time the clock and the expiries are left out, for
+    // tests that count seconds.
+    [[nodiscard]] static Liberties Of(std::uint64_t seed, bool withTime = true);
+};
+
 // ---- The world -----------------------------------------------------------------------------------
 
 // How a World is made.
 struct Options {
+    Liberties liberties = {};
     // False leaves out what costs time per call: accounting of memory, the pattern in fresh memory,
     // the call log, the checks of blocks and boxes.  Counting and faults stay.  For benchmarks.
     bool checks = true;
@@ -267,7 +295,8 @@ public:
     [[nodiscard]] const std::vector<Assertion> &Assertions() const;
     void ClearAssertions();
     // Breaches of the platform contract, in words: a block freed twice, a foreign block, a message
-    // sent beyond its size, a timer library that was never created, ...  Such a call does nothing.
+    // sent beyond its size, a timer library that was never created, a timer looked up and then not deleted,
+    // ...  Such a call does nothing.
     [[nodiscard]] const std::vector<std::string> &Violations() const;
     void ClearViolations();
 
