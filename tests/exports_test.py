@@ -42,6 +42,9 @@ problems += [f"exported, but not declared: {name}" for name in sorted(defined - 
 problems += [f"needs {name}, which is neither the platform's nor libc's" for name in
              sorted(undefined - platform - LIBC - COMPILER)]
 problems += [f"the platform declares {name}, which nothing uses" for name in sorted(platform - undefined)]
+weak = {line.split()[-1] for line in lines(nm, "-D", "--undefined-only", library) if line.split()[-2] == "w"}
+if weak != {"DMS_MsgDataLenGet"}:
+    problems.append(f"a platform may leave out {', '.join(sorted(weak)) or 'nothing'}, not DMS_MsgDataLenGet alone")
 problems += needed
 print("\n".join(problems) or f"{len(defined)} exported, {len(undefined & platform)} imported")
 sys.exit(1 if problems or len(interface) < 100 else 0)

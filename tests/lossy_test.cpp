@@ -83,12 +83,14 @@ TEST_P(LossyLink, SettlesOnceItIsClean) {
         const bool wraps = seed % 3 == 0;
         const bool clockJumps = seed % 7 == 0 && !wraps;
         const uint32_t first = wraps ? 0U - 64 : 1000000;
+        const bool unfriendly = seed % 11 < 4;
         Play play({.items = 10 + seed % 50,
                    .keyLen = 4 + seed * 37 % 300,
                    .hostile = seed % 5 == 0,
                    .seed = seed,
                    .firstNumber = first,
-                   .firstSecond = first});
+                   .firstSecond = first,
+                   .liberties = unfriendly ? sim::Liberties::Of(seed, !wraps) : sim::Liberties{}});
         const auto some = [&play] { return play.Random(31) / 100.0; };
         play.world.SetLink(sim::BadLink({.drop = some(),
                                          .duplicate = some(),

@@ -41,13 +41,19 @@ struct Bench {
         std::vector<char> buffer(bufferLen, '#');
         uint32_t length = 0;
         EXPECT_EQ(ND_LIB_GetDiagnoseInfo(d.nd, buffer.data(), bufferLen, &length, restart), expected);
-        EXPECT_EQ(buffer.at(length), expected == ND_LIB_ERR_BUFLEN ? '#' : '\0');
+        EXPECT_EQ(buffer.back(), '#'); // never written
         return {buffer.data(), length};
     }
     void StartPass(uint32_t bufferLen) { // up to the first page of box 0
         Page(bufferLen, ND_LIB_OK, 1);
         Page(bufferLen);
         Page(bufferLen);
+    }
+    void EndPass() {
+        for (std::vector<char> page(200000); d.nd->diagnoseType != ND_LIB_DIAG_LOCAL_INFO;) {
+            uint32_t length = 0;
+            (void)ND_LIB_GetDiagnoseInfo(d.nd, page.data(), 200000, &length, 0);
+        }
     }
     // Reads box 0 to its end, calling between behind each page that more follow.
     std::string RestOfBox(
@@ -61,15 +67,30 @@ struct Bench {
         }
         return text;
     }
-    std::string Stored() { return d.Pages(200000).at(3).substr(kTitles[0].size()); } // lines of box 0
+    std::string Stored() { // lines of box 0, as a pass shows them
+        StartPass(200000);
+        std::string text = RestOfBox(200000).substr(kTitles[0].size());
+        EndPass();
+        text.pop_back();
+        return text;
+    }
     uint32_t Oldest() { return static_cast<uint32_t>(std::stoul(Stored().substr(kStamp.size() + 5))); }
     int32_t Kilobytes() { return GetBlackBoxBufferLen(d.nd->blackBox[0].bbHandle) / 1024; }
+
+    explicit Bench(sim::Liberties liberties = {}) : world({.liberties = liberties}) {}
 
     sim::World world;
     Driver d{world};
 };
 
 class Debug : public testing::Test, protected Bench {};
+
+// How a platform's boxes are read.
+struct Reading {
+    bool stays; // at their end, once they have been read
+    bool cut;   // into short reads
+};
+const Reading kReadings[] = {{false, false}, {false, true}, {true, false}, {true, true}};
 
 std::vector<std::string> Split(const std::string &text) {
     std::vector<std::string> parts;
@@ -222,14 +243,29 @@ TEST_F(Debug, PagesHoldTheSameTextWhateverTheBuffer) {
             text += pages[page];
             EXPECT_TRUE(page >= 3 || pages[page] == whole[page].substr(0, size - 2));
         }
-        EXPECT_EQ(text, pages[0] + pages[1] + pages[2] + kTitles[0].substr(0, size - 2) + Lines(1, 30) +
-                            "\n" + kTitles[1].substr(0, size - 2) + Lines(31, 45) + "\n");
-        for (const size_t stop : {size_t{4}, pages.size() / 2, pages.size() - 1}) { // a restart on the way
-            for (size_t page = 0; page < stop; ++page) {
-                EXPECT_EQ(Page(size, ND_LIB_OK, page == 0), pages[page]);
-            }
-            EXPECT_EQ(d.Pages(size), pages);
-        }
+        const std::string titles[] = {kTitles[0].substr(0, size - 2), kTitles[1].substr(0, size - 2)};
+        EXPECT_EQ(text, pages[0] + pages[1] + pages[2] + titles[0] + Lines(1, 30) + "\n" + titles[1] +
+                            Lines(31, 45) + "\n");
+        // Broken off in a box, a pass goes on there when it is started over; the next one shows all again.
+        StartPass(size);
+        const std::string seen = Page(size).substr(titles[0].size());
+        StartPass(size);
+        EXPECT_EQ(titles[0] + seen + RestOfBox(size).substr(titles[0].size()),
+                  titles[0] + Lines(1, 30) + "\n");
+        EndPass();
+        EXPECT_EQ(d.Pages(size), pages);
+    }
+}
+
+// Whether a box that was read to its end begins again is the platform's: if not, each pass shows what is new.
+TEST(DebugPass, ShowsEachLineOnceAtLeastHoweverBoxesAreRead) {
+    for (const Reading &reading : kReadings) {
+        Bench b({.boxesStay = reading.stays, .shortReads = reading.cut});
+        b.Trace(1, 20);
+        EXPECT_EQ(b.Stored(), Lines(1, 20));
+        b.Trace(21, 25);
+        EXPECT_EQ(b.Stored(), Lines(reading.stays ? 21 : 1, 25));
+        EXPECT_EQ(b.Stored(), reading.stays ? "" : Lines(1, 25));
     }
 }
 
@@ -241,6 +277,8 @@ TEST_F(Debug, RefusedCallsChangeNothing) {
     Page(19, ND_LIB_ERR_BUFLEN, 1);
     char buffer[64];
     uint32_t length = 0;
+    EXPECT_EQ(ND_LIB_GetDiagnoseInfo(d.nd, buffer, 19, nullptr, 1), ND_LIB_ERR_BUFLEN);
+    EXPECT_TRUE(world.Assertions().empty());
     EXPECT_EQ(ND_LIB_GetDiagnoseInfo(nullptr, buffer, sizeof(buffer), &length, 1), ND_LIB_ERR_DIAG_END);
     EXPECT_EQ(ND_LIB_GetDiagnoseInfo(d.nd, nullptr, sizeof(buffer), &length, 1), ND_LIB_ERR_DIAG_END);
     EXPECT_EQ(ND_LIB_GetDiagnoseInfo(d.nd, buffer, sizeof(buffer), nullptr, 1), ND_LIB_ERR_DIAG_END);
@@ -249,6 +287,7 @@ TEST_F(Debug, RefusedCallsChangeNothing) {
     world.FailNext(Op::kReadBlackBox); // ends the report as if there were no more
     EXPECT_EQ(text + RestOfBox(64), (kTitles[0] + Lines(1, 5)).substr(0, 59) + "\n");
     Page(4096, ND_LIB_ERR_DIAG_END);
+    EXPECT_EQ(text.substr(kTitles[0].size()) + Stored(), Lines(1, 5)); // the next pass has the rest
     EXPECT_EQ(Stored(), Lines(1, 5));
 }
 
@@ -261,11 +300,11 @@ TEST(DebugGrowth, LosesNothingUnderAPassAlsoWhenItFails) {
         std::optional<uint32_t> shorten = std::nullopt;
     } cases[] = {
         {Op::kMalloc, true, 1, 0}, // nothing fails
-        {Op::kMalloc, false, 1, 1},          {Op::kCreateBlackBox, false, 1, 1},
-        {Op::kWriteBlackBox, false, 1, 1},   {Op::kReadBlackBox, false, 1, 3},
-        {Op::kReadBlackBox, true, 1, 2},     {Op::kReadBlackBox, true, 1, 1, 7},
-        {Op::kReadBlackBox, false, 3, 3},    {Op::kReadBlackBox, true, 3, 2},
-        {Op::kReadBlackBox, false, 3, 1, 1}, {Op::kReadBlackBox, false, 3, 1, 40},
+        {Op::kMalloc, false, 1, 1},         {Op::kCreateBlackBox, false, 1, 1},
+        {Op::kWriteBlackBox, false, 1, 1},  {Op::kReadBlackBox, false, 1, 3},
+        {Op::kReadBlackBox, true, 1, 2},    {Op::kReadBlackBox, true, 1, 1, 7},
+        {Op::kReadBlackBox, false, 3, 3},   {Op::kReadBlackBox, true, 3, 2},
+        {Op::kReadBlackBox, true, 3, 1, 1}, {Op::kReadBlackBox, true, 3, 1, 40},
     };
     for (const auto &c : cases) {
         for (const uint32_t size : {0U, 20U, 33U, 60U, 100U}) { // of the pages, 0 for no pass
@@ -299,6 +338,33 @@ TEST(DebugGrowth, LosesNothingUnderAPassAlsoWhenItFails) {
                 EXPECT_EQ(text, kTitles[0].substr(0, size - 2) + Lines(1, line) + "\n");
             }
             EXPECT_EQ(b.Stored(), Lines(1, line));
+        }
+    }
+}
+
+TEST(DebugGrowth, NeitherLosesNorGarblesALineHoweverBoxesAreRead) {
+    for (const Reading &reading : kReadings) {
+        for (const uint32_t size : {0U, 20U, 33U, 60U, 100U}) { // of the pages, 0 for no pass
+            SCOPED_TRACE(testing::Message() << reading.stays << reading.cut << ", pages of " << size);
+            Bench b({.boxesStay = reading.stays, .shortReads = reading.cut});
+            uint32_t line = 3;
+            b.Trace(1, line);
+            if (size != 0) {
+                b.StartPass(size);
+                const std::string text = b.RestOfBox(size, [&] {
+                    if (line < 15) {
+                        ++line;
+                        b.Trace(line, line);
+                    }
+                });
+                EXPECT_EQ(text, kTitles[0].substr(0, size - 2) + Lines(1, line) + "\n");
+                b.EndPass();
+            }
+            b.Trace(line + 1, line + 12);
+            // A box that stays at its end cannot be had whole any more, and stops growing.
+            const bool grows = size == 0 || !reading.stays;
+            EXPECT_EQ(b.Kilobytes(), grows ? 100 : 30);
+            EXPECT_EQ(b.Stored(), Lines(grows ? 1 : line + 1, line + 12));
         }
     }
 }

@@ -146,10 +146,12 @@ TEST_F(Receive, WhatIsNoWholeNdpiMessage) {
         {begin.Wire(), 163, 1, ND_LIB_ERR_MSG, {"not ndpi msg"}, 0},
         {{}, 0, 0, ND_LIB_ERR_MSG, {"not ndpi msg"}, 0},
         {begin.Wire(), 164, 1, ND_LIB_ERR, {"nd component not avaliable"}, 1},
-        {{1}, 164, 2, ND_LIB_ERR, {"nd component not avaliable"}, 1},
+        {{1}, 164, 1, ND_LIB_ERR, {"nd component not avaliable"}, 1},
+        {begin.Wire(), 164, 2, ND_LIB_OK, {}, 0}, // 1 alone refuses
         {{}, 164, 0, ND_LIB_ERR_MSG, {"msg smaller than ndpi header len:0"}, 1},
         {Bytes(15, 23), 164, 0, ND_LIB_ERR_MSG, {"msg smaller than ndpi header len:15"}, 1},
         {Saying(17, begin), 164, 0, ND_LIB_ERR_MSG, {"msgLen:17 larger than delivered len:16"}, 1},
+        {Saying(17, {.type = 30}), 164, 0, ND_LIB_OK, {}, 0}, // what is unknown, whatever it says
         {begin.Wire(), 164, 0, ND_LIB_OK, {}, 0},
         {Saying(0, begin), 164, 0, ND_LIB_OK, {}, 0}, // left to the tests of its type
     };

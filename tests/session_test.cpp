@@ -7,7 +7,8 @@
 namespace pegeir::tests {
 namespace {
 
-class Session : public testing::Test {
+// On a friendly platform (0), and on others.
+class Session : public testing::TestWithParam<uint32_t> {
 protected:
     ~Session() override {
         EXPECT_EQ(BrokenInvariant(d.nd), "");
@@ -17,11 +18,13 @@ protected:
         EXPECT_TRUE(world.Assertions().empty());
     }
 
-    sim::World world;
+    sim::World world{
+        {.liberties = GetParam() == 0 ? sim::Liberties{} : sim::Liberties::Of(GetParam(), false)}};
     Driver d{world};
 };
+INSTANTIATE_TEST_SUITE_P(Platforms, Session, testing::Range(0U, 8U));
 
-TEST_F(Session, RunsFromRegistrationToReadyAndFollowsUpdates) {
+TEST_P(Session, RunsFromRegistrationToReadyAndFollowsUpdates) {
     d.onPack = [&] {
         EXPECT_EQ(d.Subscribe(NumberedItem(7)), ND_LIB_OK);
         return uint32_t{ND_LIB_PACK_DONE};
@@ -46,7 +49,7 @@ TEST_F(Session, RunsFromRegistrationToReadyAndFollowsUpdates) {
     EXPECT_EQ(d.records.size(), 4U);
 }
 
-TEST_F(Session, SetsAsideWhatFitsNoMessage) {
+TEST_P(Session, SetsAsideWhatFitsNoMessage) {
     const Item tooLong{1, Bytes(7000, 2), 1, Bytes(973, 2)};
     EXPECT_EQ(d.Subscribe(tooLong), ND_LIB_OK);
     EXPECT_EQ(d.Subscribe({1, Bytes(7000, 1), 1, Bytes(972, 2)}), ND_LIB_OK);

@@ -127,7 +127,13 @@ void DMS_ZEP_MSG_SET_SUB_INTF(void *data, uint32_t value) {
 uint32_t DMS_ZEP_MSG_GET_SUB_INTF(const void *data) {
     return ReadEnvelope(data)->subIntf;
 }
-uint32_t DMS_MsgDataLenGet(const void *data) {
+
+/*
+ * The library takes a received message at its word, because here only its own two tasks send.  Where others
+ * can, this should be DMS_MsgDataLenGet, the one optional operation: the library then refuses what is shorter
+ * than it says.
+ */
+static uint32_t LengthOf(const void *data) {
     return ReadEnvelope(data)->length;
 }
 
@@ -393,7 +399,7 @@ uint32_t APPTMR_LibRcvMsg(uint32_t lib, void *message, uint32_t zero, void *arg)
     const Entry *timer, *instance;
     uint32_t timerId;
     (void)zero;
-    if (library == NULL || DMS_MsgDataLenGet(message) != sizeof timerId)
+    if (library == NULL || LengthOf(message) != sizeof timerId)
         return 1;
     memcpy(&timerId, message, sizeof timerId);
     timer = Find(timerId);
@@ -625,7 +631,7 @@ static void SendData(uint32_t receiver, uint8_t type, uint8_t sequence, const ch
 /* Acknowledges whatever is asked, and after the upload sends two records, and an update. */
 static void Component(const void *data) {
     uint8_t answer[8000];
-    uint32_t length = DMS_MsgDataLenGet(data);
+    uint32_t length = LengthOf(data);
     uint32_t peer = DMS_MsgSendCidGet(data);
     if (length < HEADER || length > sizeof answer)
         return;

@@ -193,7 +193,8 @@ ND_LIB_API uint32_t ND_LIB_GetAppLocal(const ND_LIB_Instance *instance);
  * Keeps a copy of length bytes (0 to 10000) for packSubscribeFunc, in place of an earlier copy, which is
  * released first: data must not lie in it.
  * Returns ND_LIB_OK, or ND_LIB_ERR when instance or data is missing (nothing changed) or the copy
- * cannot be had (reported; the earlier copy is gone).
+ * cannot be had (reported; the earlier copy is gone).  Whether a copy of 0 bytes can be had is the
+ * platform's.
  */
 ND_LIB_API uint32_t ND_LIB_AddOptionData(ND_LIB_Instance *instance, const void *data, uint32_t length);
 
@@ -288,15 +289,17 @@ ND_LIB_API void ND_LIB_NotifyNdCompState(ND_LIB_Instance *instance, const ND_LIB
 enum { ND_LIB_DIAG_MIN_BUFFER = 20 };
 
 /*
- * Writes the next page of the diagnose text, zero-terminated, into buffer of bufferLen bytes: the
- * instance with its pending requests, the history of the state machine, the statistics, and the two
- * trace boxes, which take as many pages as they need.  The first three reports take one page each and
- * are cut off when it is too small.
- * *pageLen must be 0 before each call and is then the length of the page; restart 1 begins again at
- * the first report, any other value goes on.
+ * Writes the next page of the diagnose text into buffer of bufferLen bytes: the instance with its pending
+ * requests, the history of the state machine, the statistics, and the two trace boxes, which take as many
+ * pages as they need.  The first three reports take one page each and are cut off when it is too small.
+ * *pageLen must be 0 before each call and is then the length of the page, which is at most bufferLen - 1
+ * bytes: the text is those bytes, a terminating zero is not promised.
+ * restart 1 begins again at the first report, any other value goes on.  A trace box is read on from where the
+ * last read stopped: a pass that is begun again in the middle of one shows what had not been shown.  Whether
+ * the passes after that show a box from its oldest line, or only what is new, is the platform's.
  * Returns ND_LIB_OK when more pages follow; ND_LIB_ERR_DIAG_END with the last page, after which the next
- * call begins again, or for a missing argument (asserted); ND_LIB_ERR_BUFLEN, with nothing changed, when
- * bufferLen is below ND_LIB_DIAG_MIN_BUFFER.
+ * call begins again, or for a missing argument (asserted); ND_LIB_ERR_BUFLEN, with nothing changed and
+ * before pageLen is looked at, when bufferLen is below ND_LIB_DIAG_MIN_BUFFER.
  */
 ND_LIB_API uint32_t ND_LIB_GetDiagnoseInfo(ND_LIB_Instance *instance, char *buffer, uint32_t bufferLen,
                                            uint32_t *pageLen, uint32_t restart);

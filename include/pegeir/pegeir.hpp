@@ -119,7 +119,7 @@ struct Record {
 // One diagnose page.
 struct [[nodiscard]] Page {
     Result result;         // kOk: more pages follow; kDiagnoseEnd: this is the last; else there is no text
-    std::string_view text; // in the caller's buffer
+    std::string_view text; // in the caller's buffer; no zero follows it
 };
 
 // Who the consumer is and where the component is, as ND_LIB_FrameRegister and ND_LIB_ConsumerRegister

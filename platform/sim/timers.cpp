@@ -52,7 +52,13 @@ std::uint64_t Lateness(State &state) {
     return state.whim() % 4 == 0 ? state.whim() % kMostMs : 0;
 }
 
+// A stop looks its timer up, and then deletes it.
 void DropInstance(State &state, std::uint32_t instance) {
+    for (const auto &[id, timer] : state.timers) {
+        if (timer.instance == instance && timer.lookedUp) {
+            Violation(state, "APPTMR_GetTimerParam of a timer that was not deleted then");
+        }
+    }
     std::erase_if(state.timers, [instance](const auto &timer) { return timer.second.instance == instance; });
     state.timerInstances.erase(instance);
 }

@@ -4,18 +4,19 @@
 
 uint32_t ND_LIB_GetDiagnoseInfo(ND_LIB_Instance *instance, char *buffer, uint32_t bufferLen,
                                 uint32_t *pageLen, uint32_t restart) {
-    if (instance == nullptr || buffer == nullptr || pageLen == nullptr) {
+    if (instance == nullptr || buffer == nullptr) {
         pegeir::AssertFailed(pegeir::kInstanceModule);
         return ND_LIB_ERR_DIAG_END;
     }
     if (bufferLen < ND_LIB_DIAG_MIN_BUFFER) {
         return ND_LIB_ERR_BUFLEN;
     }
+    if (pageLen == nullptr) {
+        pegeir::AssertFailed(pegeir::kInstanceModule);
+        return ND_LIB_ERR_DIAG_END;
+    }
     if (restart == 1) {
         ND_LIB_ClearDiagnosePosion(instance);
-    }
-    if (instance->diagnoseType == ND_LIB_DIAG_LOCAL_INFO) {
-        pegeir::debug::RewindBoxes(instance); // wherever an abandoned pass or a failed read left them
     }
     if (ND_LIB_ShowDiagnoseInfoByType(instance, buffer, bufferLen, pageLen) == ND_LIB_DIAG_MORE) {
         return ND_LIB_OK;

@@ -74,9 +74,10 @@ void ND_LIB_Deinit(ND_LIB_Instance *instance) {
     if (instance == nullptr || pegeir::IsRefusedInside(instance)) {
         return;
     }
-    ND_LIB_StopBackupTimer(instance); // needs the timer service, which goes next
-    // A timer whose deletion was refused ends with the service; only then may its record go.
-    ND_LIB_TmrParam *refused = pegeir::timer::FindParam(instance, instance->consumer.backupTimer);
+    // The backup timer needs the service, which goes next.  One whose deletion is refused ends with the
+    // service; only then may its record go.
+    ND_LIB_TmrParam *refused = nullptr;
+    (void)pegeir::timer::Stop(instance, &instance->consumer.backupTimer, &refused);
     ND_LIB_DeInitTmr(instance);
     pegeir::Free(pegeir::kTimerModule, refused);
     ND_LIB_BlackboxFree(instance); // from here on nothing traces

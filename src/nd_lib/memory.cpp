@@ -9,7 +9,7 @@ void *ZeroAlloc(const MemoryModule &owner, uint32_t memHandle, uint32_t size, ui
         return nullptr;
     }
     void *memory = ZEP_Malloc_F(memHandle, g_aucZepMemPt[0], size, owner.source, line);
-    if (memory != nullptr && memset_s(memory, size, 0, size) != 0) {
+    if (memory != nullptr && size != 0 && memset_s(memory, size, 0, size) != 0) {
         Free(owner, memory, line); // everything relies on the zeros
         return nullptr;
     }

@@ -40,7 +40,9 @@ uint32_t ND_LIB_AddOptionData(ND_LIB_Instance *instance, const void *data, uint3
         PEGEIR_LOG(instance, ND_LIB_LOG_FAILURE, "AddOptionData malloc failed");
         return ND_LIB_ERR;
     }
-    (void)memcpy_s(copy, length, data, length); // cannot fail: the sizes are equal
+    if (length != 0) {
+        (void)memcpy_s(copy, length, data, length); // cannot fail: the sizes are equal
+    }
     instance->consumer.optionData = copy;
     return ND_LIB_OK;
 }

@@ -19,7 +19,7 @@ inline void RaiseTo(uint16_t &maximum, uint32_t len) {
 
 // Copies len bytes into a block of that size; a copy that fails is asserted, and the zeros stay.
 inline void CopyBytes(uint8_t *to, const uint8_t *from, uint32_t len, uint32_t line = __builtin_LINE()) {
-    if (memcpy_s(to, len, from, len) != 0) {
+    if (len != 0 && memcpy_s(to, len, from, len) != 0) {
         AssertFailed(kStoreModule, line);
     }
 }

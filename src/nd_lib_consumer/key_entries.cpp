@@ -19,7 +19,7 @@ int CompareBytes(const uint8_t *left, const uint8_t *right, size_t count) {
             return first < second ? -1 : 1;
         }
     }
-    return KAL_MemCmp(left, right, count);
+    return count == 0 ? 0 : KAL_MemCmp(left, right, count);
 }
 
 } // namespace

@@ -103,72 +103,88 @@ int FormatStamp(ND_LIB_BlackBoxLine &line) {
 
 // ---- Growing ----
 
-// The box that is to be replaced, and what is needed to leave it as it was found.
-struct OldBox {
-    void *handle;
-    uint32_t content;  // bytes stored
-    uint32_t position; // bytes that the diagnose pass under way has read
+// What a platform's box promises is little: a read may come short, and when everything has been read it
+// answers 0, after which it begins again or stays at its end.  So a reader's position can be had by counting
+// alone, and can be put back only in a box that begins again.
+
+enum class Growth : uint8_t {
+    kDone,
+    kFailed,  // may be tried again
+    kHopeless // will never be had
 };
 
-// Reads on.  A read that fails leaves the position where it is, so it is tried again before giving up.
-int32_t ReadOn(void *box, char *buffer, uint32_t size) {
-    constexpr uint32_t kTries = 3;
-    int32_t count = -1;
-    for (uint32_t tries = 0; count < 0 && tries < kTries; ++tries) {
-        count = ReadBlockFromBlackBox(box, buffer, size);
-    }
-    return count;
-}
-
-// Reads on to the end, so that the next read begins at the oldest line; *unread is how much there was.
-bool ReadToEnd(void *box, char *buffer, uint32_t size, uint32_t *unread) {
-    *unread = 0;
-    for (;;) {
-        const int32_t count = ReadOn(box, buffer, size);
-        if (count <= 0) {
-            return count == 0;
+// Reads on, behind the *have bytes that are in buffer, until there are size or the box answers 0: read on
+// after that, one that begins again would never come to an end.  A read that fails is tried again, and at
+// the third failure given up; returns false then.
+bool ReadOn(void *box, char *buffer, uint32_t size, uint32_t *have) {
+    uint32_t triesLeft = 3;
+    while (*have < size) {
+        const int32_t count = ReadBlockFromBlackBox(box, buffer + *have, size - *have);
+        if (count == 0) {
+            return true;
         }
-        *unread += static_cast<uint32_t>(count);
-    }
-}
-
-// Reads bytes that nobody needs, from the oldest line on.
-bool Skip(void *box, char *buffer, uint32_t size, uint32_t bytes) {
-    while (bytes != 0) {
-        const int32_t count = ReadOn(box, buffer, bytes < size ? bytes : size);
-        if (count <= 0) {
+        if (count > 0) {
+            *have += static_cast<uint32_t>(count);
+        } else if (--triesLeft == 0) {
             return false;
         }
-        bytes -= static_cast<uint32_t>(count);
     }
     return true;
 }
 
-// Copies the lines and the read position of the old box.  A copy that cannot be whole is none: the
-// caller keeps the old box, which then stands where it stood if it can be read to its end.
-bool CopyBox(OldBox &old, void *newBox, char *buffer, uint32_t size) {
-    int32_t count = ReadOn(old.handle, buffer, old.content);
-    if (count < 0) {
-        return false;
+// Reads bytes that nobody needs.
+bool Skip(void *box, char *buffer, uint32_t bytes) {
+    uint32_t skipped = 0;
+    return ReadOn(box, buffer, bytes, &skipped) && skipped == bytes;
+}
+
+// Whether newBox, which was empty, holds these bytes now; what the write itself answers is the platform's.
+bool Store(void *newBox, const char *bytes, uint32_t count) {
+    if (count != 0) {
+        (void)WriteBlackBox(newBox, bytes, count);
     }
-    if (static_cast<uint32_t>(count) < old.content) {
-        // A diagnose pass stands in the middle of the box, and this was what it has not read yet.
-        uint32_t rest = 0;
-        if (count != 0 && !ReadToEnd(old.handle, buffer, size, &rest)) {
-            return false;
-        }
-        old.position = old.content - static_cast<uint32_t>(count) - rest;
-        count = ReadOn(old.handle, buffer, old.content);
+    return GetBlackBoxContentLength(newBox) == static_cast<int32_t>(count);
+}
+
+// Lets the reader of a box that begins again stand behind its oldest bytes.
+void StandBehind(void *box, uint32_t bytes, char *buffer, uint32_t size) {
+    uint32_t rest = 0;
+    if (ReadOn(box, buffer, size, &rest)) {
+        (void)Skip(box, buffer, bytes);
     }
-    if (count >= 0 && static_cast<uint32_t>(count) == old.content &&
-        WriteBlackBox(newBox, buffer, old.content) >= 0 && Skip(newBox, buffer, size, old.position)) {
-        return true;
-    }
+}
+
+// Copies the lines of a box and its read position.  A copy that cannot be whole is none: oldBox stays in
+// use, and its reader goes on where it stood.  buffer has size bytes, which is more than the content.
+Growth CopyBox(void *oldBox, void *newBox, uint32_t content, char *buffer, uint32_t size) {
     uint32_t unread = 0;
-    if (ReadToEnd(old.handle, buffer, size, &unread)) {
-        (void)Skip(old.handle, buffer, size, old.position);
+    if (!ReadOn(oldBox, buffer, content, &unread)) {
+        if (ReadOn(oldBox, buffer, size, &unread) && unread < content) {
+            (void)Skip(oldBox, buffer, content - unread);
+        }
+        return Growth::kFailed;
     }
-    return false;
+    uint32_t have = unread;
+    if (unread < content) {
+        // A diagnose pass stands in the middle of the box, and this was what it has not read yet.
+        have = 0;
+        const bool isRead = ReadOn(oldBox, buffer, content, &have);
+        if (isRead && have < content) {
+            if (have > unread) {
+                (void)Skip(oldBox, buffer, have - unread);
+            } else if (have == 0 && unread != 0) {
+                // It does not begin again: what the pass has not read goes behind everything else.
+                (void)WriteBlackBox(oldBox, buffer, unread);
+            }
+            return Growth::kHopeless;
+        }
+    }
+    const uint32_t position = content - unread;
+    if (have == content && Store(newBox, buffer, content) && Skip(newBox, buffer, position)) {
+        return Growth::kDone;
+    }
+    StandBehind(oldBox, position, buffer, size);
+    return Growth::kFailed;
 }
 
 } // namespace
@@ -259,16 +275,20 @@ void ND_LIB_ExpandBlackBox(ND_LIB_BlackBoxDesc *desc, ND_LIB_Instance *instance)
         return;
     }
     const int32_t contentLen = GetBlackBoxContentLength(desc->bbHandle);
-    OldBox old = {desc->bbHandle, contentLen > 0 ? static_cast<uint32_t>(contentLen) : 0, 0};
-    const uint32_t size = old.content + sizeof(ND_LIB_BlackBoxLine);
+    const uint32_t content = contentLen > 0 ? static_cast<uint32_t>(contentLen) : 0;
+    const uint32_t size = content + sizeof(ND_LIB_BlackBoxLine);
     auto *buffer = static_cast<char *>(pegeir::ZeroAlloc(kDebugModule, instance->memHandle, size));
-    if (buffer == nullptr || static_cast<BlackBoxHead *>(newBox)->usable == 0 ||
-        !CopyBox(old, newBox, buffer, size)) {
-        DestroyBlackBox(newBox);
-    } else {
-        DestroyBlackBox(old.handle);
+    Growth growth = Growth::kFailed;
+    if (buffer != nullptr && static_cast<BlackBoxHead *>(newBox)->usable != 0) {
+        growth = CopyBox(desc->bbHandle, newBox, content, buffer, size);
+    }
+    if (growth == Growth::kDone) {
+        DestroyBlackBox(desc->bbHandle);
         desc->bbHandle = newBox;
         desc->curSize = static_cast<uint16_t>(newSize);
+    } else {
+        DestroyBlackBox(newBox);
+        desc->maxSize = growth == Growth::kHopeless ? desc->curSize : desc->maxSize;
     }
     pegeir::Free(kDebugModule, buffer);
 }
@@ -295,15 +315,5 @@ void ND_LIB_ReadBlackBox(ND_LIB_Instance *instance, uint32_t box, char *buffer, 
     if (read > 0) {
         instance->diagnoseReadLen = static_cast<uint32_t>(read);
         *count += static_cast<uint32_t>(read);
-    }
-}
-
-void pegeir::debug::RewindBoxes(ND_LIB_Instance *instance) {
-    ND_LIB_BlackBoxLine scratch;
-    for (const ND_LIB_BlackBoxDesc &desc : instance->blackBox) {
-        if (desc.bbHandle != nullptr) {
-            uint32_t unread = 0;
-            (void)ReadToEnd(desc.bbHandle, scratch, sizeof(scratch), &unread);
-        }
     }
 }

@@ -128,9 +128,6 @@ constexpr bool IsFull(uint32_t position, uint32_t bufferLen) {
     return bufferLen <= 2 || position >= bufferLen - 2;
 }
 
-// Makes the next read of each box begin at its oldest line.
-void RewindBoxes(ND_LIB_Instance *instance);
-
 } // namespace pegeir::debug
 
 #endif

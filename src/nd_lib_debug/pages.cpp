@@ -17,8 +17,6 @@ uint32_t ShowBlackbox(ND_LIB_Instance *instance, uint32_t box, const char *title
     const bool isLast = instance->diagnoseReadLen == 0;
     if (isLast) {
         ND_LIB_Printf(&position, buffer, bufferLen, "\n");
-    } else {
-        buffer[position] = '\0'; // the read has left a byte for it
     }
     *pageLen = position;
     return isLast ? uint32_t{ND_LIB_ERR_DIAG_END} : ND_LIB_DIAG_MORE;

@@ -6,6 +6,7 @@
 #include "nd_lib/nd_lib.h"
 #include "nd_lib_debug/report.h"
 #include "nd_lib_msg_send/nd_lib_msg_send.h"
+#include "tlv/delivered.h"
 #include "tlv/ndpi.h"
 
 using pegeir::ndpi::Header;
@@ -113,19 +114,13 @@ uint32_t RecvDownloadEnd(ND_LIB_Instance *instance, void *message, const Downloa
     return ND_LIB_OK;
 }
 
-// Returns true, after a report, for a message that was not delivered as a whole.
-bool IsRefusedLength(ND_LIB_Instance *instance, const void *message) {
-    const uint32_t delivered = DMS_MsgDataLenGet(message);
-    if (delivered < NDPI_HEADER_LEN) {
-        PEGEIR_FAILURE(instance, "ND_LIB_MsgRecv msg smaller than ndpi header len:%u", delivered);
-        return true;
+const ND_LIB_NdpiMsgProc *FindRow(uint8_t msgType) {
+    for (const ND_LIB_NdpiMsgProc &row : g_ndpiMsgProc) {
+        if (row.msgType == msgType && row.handler != nullptr) {
+            return &row;
+        }
     }
-    const uint16_t msgLen = ReadHeader(message).msgLen;
-    if (msgLen > delivered) {
-        PEGEIR_FAILURE(instance, "ND_LIB_MsgRecv msgLen:%u larger than delivered len:%u", msgLen, delivered);
-        return true;
-    }
-    return false;
+    return nullptr;
 }
 
 } // namespace
@@ -154,20 +149,26 @@ uint32_t ND_LIB_MsgRecv(ND_LIB_Instance *instance, void *message) {
         PEGEIR_TRACE(instance, ND_LIB_BLACKBOX_ASSERT, "ND_LIB_MsgRecv not ndpi msg");
         return ND_LIB_ERR_MSG;
     }
-    if (instance->ndCompState != ND_LIB_COMP_AVAILABLE) {
+    if (instance->ndCompState == ND_LIB_COMP_NOT_AVAILABLE) {
         PEGEIR_FAILURE(instance, "ND_LIB_MsgRecv nd component not avaliable");
         return ND_LIB_ERR;
     }
-    if (IsRefusedLength(instance, message)) {
+    const uint32_t delivered = pegeir::ndpi::DeliveredLen(message);
+    if (delivered < NDPI_HEADER_LEN) {
+        PEGEIR_FAILURE(instance, "ND_LIB_MsgRecv msg smaller than ndpi header len:%u", delivered);
         return ND_LIB_ERR_MSG;
     }
-    const uint8_t msgType = ReadHeader(message).msgType;
-    for (const ND_LIB_NdpiMsgProc &row : g_ndpiMsgProc) {
-        if (row.msgType == msgType && row.handler != nullptr) {
-            return row.handler(instance, message);
-        }
+    const Header header = ReadHeader(message);
+    const ND_LIB_NdpiMsgProc *row = FindRow(header.msgType);
+    if (row == nullptr) {
+        return ND_LIB_OK; // a type of a later protocol, whose header may mean something else
     }
-    return ND_LIB_OK; // a type of a later protocol
+    if (header.msgLen > delivered) {
+        PEGEIR_FAILURE(instance, "ND_LIB_MsgRecv msgLen:%u larger than delivered len:%u", header.msgLen,
+                       delivered);
+        return ND_LIB_ERR_MSG;
+    }
+    return row->handler(instance, message);
 }
 
 uint32_t ND_LIB_RecvAckCheck(ND_LIB_Instance *instance, void *message) {

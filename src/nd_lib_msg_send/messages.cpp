@@ -3,6 +3,7 @@
 #include "nd_lib/nd_lib.h"
 #include "nd_lib_debug/report.h"
 #include "nd_lib_msg_send/nd_lib_msg_send.h"
+#include "tlv/delivered.h"
 #include "tlv/ndpi.h"
 
 using namespace pegeir::ndpi;
@@ -66,7 +67,7 @@ uint32_t ND_LIB_SendMsg(ND_LIB_Instance *instance, void *message, uint32_t msgTy
 }
 
 uint32_t ND_LIB_SendAckMsg(const void *message, ND_LIB_Instance *instance) {
-    const uint32_t delivered = DMS_MsgDataLenGet(message);
+    const uint32_t delivered = DeliveredLen(message);
     if (delivered < NDPI_HEADER_LEN) {
         PEGEIR_FAILURE(instance, "LIB_SendAckMsg msg smaller than ndpi header len:%u", delivered);
         return ND_LIB_ERR;
@@ -86,7 +87,9 @@ uint32_t ND_LIB_SendAckMsg(const void *message, ND_LIB_Instance *instance) {
     const uint32_t copied = len < delivered ? len : delivered;
     auto *bytes = static_cast<uint8_t *>(ack);
     (void)memcpy_s(bytes, len, message, copied);
-    (void)memset_s(bytes + copied, len - copied, 0, len - copied);
+    if (copied < len) {
+        (void)memset_s(bytes + copied, len - copied, 0, len - copied);
+    }
     bytes[kFlagsOffset] |= NDPI_ACK_FLAG;
     DMS_MsgRecvCidSet(ack, cid);
     SetEnvelope(ack);

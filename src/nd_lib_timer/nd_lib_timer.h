@@ -53,8 +53,9 @@ ND_LIB_API uint32_t ND_LIB_TmrLib_Timeout(uint32_t timerId, uint32_t value, void
 
 namespace pegeir::timer {
 
-// Returns the record of the running timer timerId, or null when there is none.
-ND_LIB_TmrParam *FindParam(const ND_LIB_Instance *instance, uint32_t timerId);
+// ND_LIB_StopTmr, which also tells of a timer that goes on: *running is the record of one whose deletion was
+// refused, else null.
+uint32_t Stop(const ND_LIB_Instance *instance, uint32_t *timerId, ND_LIB_TmrParam **running);
 
 } // namespace pegeir::timer
 

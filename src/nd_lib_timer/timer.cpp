@@ -7,15 +7,6 @@
 
 using pegeir::kTimerModule;
 
-ND_LIB_TmrParam *pegeir::timer::FindParam(const ND_LIB_Instance *instance, uint32_t timerId) {
-    const ND_LIB_TmrCtx *context = instance->tmrCtx;
-    if (timerId == 0 || context == nullptr || context->tmrInstHandle == 0) {
-        return nullptr;
-    }
-    auto *param = static_cast<ND_LIB_TmrParam *>(APPTMR_GetTimerParam(context->tmrInstHandle, timerId));
-    return param != nullptr && param->timerId == timerId ? param : nullptr;
-}
-
 uint32_t ND_LIB_InitTmr(ND_LIB_Instance *instance) {
     auto *context = static_cast<ND_LIB_TmrCtx *>(
         pegeir::ZeroAlloc(kTimerModule, instance->memHandle, sizeof(ND_LIB_TmrCtx)));
@@ -77,23 +68,31 @@ uint32_t ND_LIB_StartLoopTmr(ND_LIB_Instance *instance, ND_LIB_TmrCallback callb
     return timerId;
 }
 
-uint32_t ND_LIB_StopTmr(ND_LIB_Instance *instance, uint32_t *timerId) {
+uint32_t pegeir::timer::Stop(const ND_LIB_Instance *instance, uint32_t *timerId, ND_LIB_TmrParam **running) {
+    *running = nullptr;
     if (*timerId == 0) {
         return ND_LIB_OK;
     }
-    if (instance->tmrCtx == nullptr || instance->tmrCtx->tmrInstHandle == 0) {
+    const ND_LIB_TmrCtx *context = instance->tmrCtx;
+    if (context == nullptr || context->tmrInstHandle == 0) {
         return ND_LIB_ERR;
     }
-    ND_LIB_TmrParam *param = pegeir::timer::FindParam(instance, *timerId);
-    if (param == nullptr) {
+    auto *param = static_cast<ND_LIB_TmrParam *>(APPTMR_GetTimerParam(context->tmrInstHandle, *timerId));
+    if (param == nullptr || param->timerId != *timerId) {
         return ND_LIB_OK;
     }
-    if (APPTMR_DeleteTimer(instance->tmrCtx->tmrInstHandle, *timerId) != 0) {
+    if (APPTMR_DeleteTimer(context->tmrInstHandle, *timerId) != 0) {
+        *running = param;
         return ND_LIB_ERR;
     }
-    pegeir::Free(kTimerModule, param);
+    Free(kTimerModule, param);
     *timerId = 0;
     return ND_LIB_OK;
+}
+
+uint32_t ND_LIB_StopTmr(ND_LIB_Instance *instance, uint32_t *timerId) {
+    ND_LIB_TmrParam *running = nullptr;
+    return pegeir::timer::Stop(instance, timerId, &running);
 }
 
 uint32_t ND_LIB_AppTmrProc(void *message, ND_LIB_Instance *instance) {

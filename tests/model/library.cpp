@@ -9,7 +9,7 @@ namespace {
 
 class Library final : public Subject {
 public:
-    Library() {
+    explicit Library(const sim::Liberties &liberties) : world({.liberties = liberties}) {
         world.SetLink([this](sim::World &, const sim::Record &record) {
             const bool good = std::tuple(record.intf, record.subIntf, record.arg1, record.arg2, record.cid) ==
                               std::tuple(3U, 164U, 6U, 932U, record.receiver);
@@ -129,8 +129,8 @@ private:
 
 } // namespace
 
-std::unique_ptr<Subject> MakeLibrary() {
-    return std::make_unique<Library>();
+std::unique_ptr<Subject> MakeLibrary(const sim::Liberties &liberties) {
+    return std::make_unique<Library>(liberties);
 }
 
 } // namespace pegeir::tests::model

@@ -50,7 +50,7 @@ const std::vector<std::tuple<char, uint32_t, uint32_t>> kRules = {
 
 class Model final : public Subject {
 public:
-    explicit Model(Flaw aFlaw) : flaw(aFlaw) { Renew(); }
+    Model(Flaw aFlaw, bool aNothingIsNull) : flaw(aFlaw), nothingIsNull(aNothingIsNull) { Renew(); }
     const View &Look() override { return Sorted(); }
 
     void Apply(const Call &call) override {
@@ -79,7 +79,9 @@ public:
 private:
     uint32_t &At(Number number) { return view.numbers[number]; }
     void Count(uint32_t statistic) { ++view.statistics[statistic]; }
-    bool Alloc(size_t size) { return size <= 10000 && !Refused(sim::Op::kMalloc); }
+    bool Alloc(size_t size) {
+        return size <= 10000 && !Refused(sim::Op::kMalloc) && !(size == 0 && nothingIsNull);
+    }
 
     bool Refused(sim::Op op) {
         Step &fault = faults[op];
@@ -269,8 +271,8 @@ private:
 
     void Receive(const Call &message) {
         At(kNow) = time;
-        const bool cut = message.bytes.size() < 16 || message.bytes.size() < Read(message.bytes, 0, 2);
-        Tell('=', message.a != 164 ? 7 : At(kCompState) != 0 ? 1 : cut ? 7 : Check(message));
+        const bool cut = message.bytes.size() < 16;
+        Tell('=', message.a != 164 ? 7 : At(kCompState) == 1 ? 1 : cut ? 7 : Check(message));
     }
 
     uint32_t Check(const Call &message) {
@@ -281,7 +283,8 @@ private:
         const auto &[check, statistic, event] = kRules.at(type - 16);
         const bool acknowledges = Read(message.bytes, 2, 1) >= 0x80;
         const bool bare = Read(message.bytes, 0, 2) <= 16;
-        if (acknowledges != (check == 'n' || check == 'a') || (bare && (check == 'd' || check == 'u')) ||
+        if (message.bytes.size() < Read(message.bytes, 0, 2) ||
+            acknowledges != (check == 'n' || check == 'a') || (bare && (check == 'd' || check == 'u')) ||
             (check == 'n' && Read(message.bytes, 4, 4) != At(kTrans))) {
             return 7;
         }
@@ -400,6 +403,7 @@ private:
     }
 
     Flaw flaw;
+    bool nothingIsNull;             // a request for no bytes is answered so
     std::map<sim::Op, Step> faults; // what is left of the latest of each
     uint32_t time = 1000;
     bool registered = false;
@@ -408,8 +412,8 @@ private:
 
 } // namespace
 
-std::unique_ptr<Subject> MakeModel(Flaw flaw) {
-    return std::make_unique<Model>(flaw);
+std::unique_ptr<Subject> MakeModel(Flaw flaw, const sim::Liberties &liberties) {
+    return std::make_unique<Model>(flaw, liberties.noBytes == sim::Liberties::NoBytes::kNull);
 }
 
 } // namespace pegeir::tests::model

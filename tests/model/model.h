@@ -101,8 +101,9 @@ public:
 // Mistakes that a model can be given, to see them found.
 enum class Flaw { kNone, kPacing, kAnyStamp };
 
-std::unique_ptr<Subject> MakeModel(Flaw flaw);
-std::unique_ptr<Subject> MakeLibrary(); // in a World of its own; one at a time
+// On a platform that takes these liberties; the library in a World of its own, one at a time.
+std::unique_ptr<Subject> MakeModel(Flaw flaw, const sim::Liberties &liberties);
+std::unique_ptr<Subject> MakeLibrary(const sim::Liberties &liberties);
 
 uint32_t Read(const Bytes &from, size_t at, size_t bytes);
 Bytes Cut(const Bytes &from, size_t at, size_t bytes);
@@ -111,7 +112,7 @@ Bytes Record(const Bytes &id, const Bytes &data);
 std::vector<size_t> Elements(const Bytes &message); // where each begins
 
 Call Resolve(const Step &step, const View &model);
-std::string Code(const Steps &steps);
+std::string Code(const Steps &steps, uint32_t seed);
 std::string Difference(const View &library, const View &model);
 std::ostream &operator<<(std::ostream &out, const Entry &entry);
 

@@ -112,7 +112,7 @@ std::string Difference(const View &library, const View &model) {
     return text.empty() ? "    only in order\n" : text;
 }
 
-std::string Code(const Steps &steps) {
+std::string Code(const Steps &steps, uint32_t seed) {
     std::string text = "const Steps steps = {\n";
     for (const auto &[what, a, b, c, d] : steps) {
         text += std::string("    {Do::") + kDoNames.at(static_cast<size_t>(what));
@@ -121,7 +121,7 @@ std::string Code(const Steps &steps) {
         }
         text += "},\n";
     }
-    return text + "};\nEXPECT_EQ(Replay(steps), \"\");\n";
+    return text + "};\nEXPECT_EQ(Replay(steps, " + std::to_string(seed) + "), \"\");\n";
 }
 
 uint32_t Subject::Collect(const Bytes &optionData) {

@@ -13,8 +13,8 @@ constexpr uint16_t kUpdateRecord = 300;
 } // namespace
 
 Play::Play(const PlayOptions &someOptions)
-    : options(someOptions), component(world, Driver::kNd, Driver::kApp, options.firstNumber),
-      random(options.seed) {
+    : options(someOptions), world({.liberties = options.liberties}),
+      component(world, Driver::kNd, Driver::kApp, options.firstNumber), random(options.seed) {
     component.beforeMessage = [this] { Boundary(); };
     component.mostBody = std::max<size_t>(options.items * 3, 60); // a few messages a download
     component.recordOf = [](const sim::ItemName &item) {
@@ -137,11 +137,13 @@ void Play::GiveUp(uint32_t number) {
 }
 
 void Play::ReadPage(uint32_t bufferLen, uint32_t restart) {
-    std::vector<char> buffer(bufferLen);
+    std::vector<char> buffer(bufferLen, '#');
     uint32_t length = 0;
-    if (d && ND_LIB_GetDiagnoseInfo(d->nd, buffer.data(), bufferLen, &length, restart) != ND_LIB_ERR_BUFLEN &&
-        (length >= bufferLen || buffer[length] != '\0')) {
-        broken = "a page is longer than its buffer";
+    if (d) {
+        (void)ND_LIB_GetDiagnoseInfo(d->nd, buffer.data(), bufferLen, &length, restart);
+    }
+    if (length >= bufferLen || buffer.back() != '#') {
+        broken = "a page does not end before the last byte of its buffer";
     }
 }
 

@@ -19,12 +19,13 @@ namespace pegeir::tests {
 
 struct PlayOptions {
     uint32_t items = 12;
-    size_t keyLen = 1900;        // with which an upload of 12 items takes three messages
-    bool hostile = false;        // the callbacks do whatever the contract lets them do
-    bool silent = false;         // an instance without a log function, on which every report copes
-    uint64_t seed = 1;           // of what is left to chance
-    uint32_t firstNumber = 0;    // transaction and sequence numbers of both sides begin behind it
-    uint32_t firstSecond = 1000; // of the clock
+    size_t keyLen = 1900;          // with which an upload of 12 items takes three messages
+    bool hostile = false;          // the callbacks do whatever the contract lets them do
+    bool silent = false;           // an instance without a log function, on which every report copes
+    uint64_t seed = 1;             // of what is left to chance
+    uint32_t firstNumber = 0;      // transaction and sequence numbers of both sides begin behind it
+    uint32_t firstSecond = 1000;   // of the clock
+    sim::Liberties liberties = {}; // of the platform
 };
 
 class Play {
