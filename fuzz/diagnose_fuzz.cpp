@@ -26,7 +26,7 @@ uint32_t Page(Driver &d, uint32_t size, uint32_t restart, std::string &text) {
                 "a buffer that is too small was used");
     } else {
         Require(result == ND_LIB_OK || result == ND_LIB_ERR_DIAG_END, "an odd result");
-        Require(length < size && buffer[length] == '\0', "a page does not end where it says");
+        Require(length < size && buffer[size - 1] == kUntouched, "the last byte of a buffer was written");
         text.assign(buffer.get(), length);
         Require(text.find('\0') == std::string::npos, "a page ends before it says");
     }
@@ -55,9 +55,7 @@ void Break(sim::World &world, Input &input) {
     world.Fail(fault);
 }
 
-// Pages of any sizes together hold every line that is in the boxes, if nothing fails under them.
-void RequireWholeBoxes(Driver &d, sim::World &world, Input &input) {
-    world.LiftAll();
+std::string Pass(Driver &d, Input &input) {
     std::string all;
     std::string page;
     uint32_t restart = 1;
@@ -65,7 +63,15 @@ void RequireWholeBoxes(Driver &d, sim::World &world, Input &input) {
         all += page;
         restart = 0;
     }
-    all += page;
+    return all + page;
+}
+
+// Pages of any sizes together hold every line that is in the boxes, if nothing fails under them, and the
+// boxes have been read to their end before.
+void RequireWholeBoxes(Driver &d, sim::World &world, Input &input) {
+    world.LiftAll();
+    (void)Pass(d, input);
+    const std::string all = Pass(d, input);
     for (const auto &desc : d.nd->blackBox) {
         std::string content;
         char part[4096];
@@ -80,7 +86,15 @@ void RequireWholeBoxes(Driver &d, sim::World &world, Input &input) {
 } // namespace
 
 void Run(Input input) {
-    sim::World world;
+    static constexpr sim::Liberties::FullBox kFull[] = {sim::Liberties::FullBox::kForgetsLines,
+                                                        sim::Liberties::FullBox::kForgetsBytes,
+                                                        sim::Liberties::FullBox::kRefuses};
+    const uint32_t taken = input.Below(16);
+    const sim::Liberties liberties = {.anyAnswers = (taken & 1) != 0,
+                                      .boxesStay = (taken & 2) != 0,
+                                      .shortReads = (taken & 4) != 0,
+                                      .fullBox = (taken & 8) != 0 ? input.Pick(kFull) : kFull[0]};
+    sim::World world({.liberties = liberties});
     Driver d(world);
     for (uint32_t steps = 0; !input.AtEnd() && steps < 100; ++steps) {
         std::string text;
@@ -111,7 +125,7 @@ void Run(Input input) {
         }
         (void)d.TakeLog();
     }
-    if (input.AtEnd() || input.Flag()) {
+    if (!liberties.boxesStay && (input.AtEnd() || input.Flag())) {
         RequireWholeBoxes(d, world, input);
     }
     d.Deinit();
