@@ -45,6 +45,8 @@ problems += [f"the platform declares {name}, which nothing uses" for name in sor
 weak = {line.split()[-1] for line in lines(nm, "-D", "--undefined-only", library) if line.split()[-2] == "w"}
 if weak != {"DMS_MsgDataLenGet"}:
     problems.append(f"a platform may leave out {', '.join(sorted(weak)) or 'nothing'}, not DMS_MsgDataLenGet alone")
+problems += [f"a call of its own may end elsewhere: {line.split()[4]}" for line in lines(readelf, "-rW", library)
+             if re.search(r"JUMP_SLO.*\bND_LIB_", line)]
 problems += needed
 print("\n".join(problems) or f"{len(defined)} exported, {len(undefined & platform)} imported")
 sys.exit(1 if problems or len(interface) < 100 else 0)

@@ -269,7 +269,7 @@ TEST_F(Linux, TimersExpireThroughMessages) {
     const uint32_t words[] = {1, 120, 500};
     ASSERT_EQ(Open(directory, 1), "");
     const uint32_t lib = APPTMR_CreateLib2(1, OnExpiry, 1);
-    const uint32_t instance = APPTMR_CreateInstance(lib, words);
+    const uint32_t instance = APPTMR_CreateInstance(lib, words, 500, 1);
     const uint32_t timer = APPTMR_CreatePeriodTimer(instance, 50, 0, param, APP_TIMER_FLAG_SHADOW);
     EXPECT_EQ(APPTMR_GetTimerParam(instance, timer), param);
     g_onMessage = [&](void *message) { EXPECT_EQ(APPTMR_LibRcvMsg(lib, message, 0, arg), 0U); };

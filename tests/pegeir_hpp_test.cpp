@@ -54,10 +54,15 @@ struct Peer final : Consumer {
     bool OnVerifyRequest(ClientRef) override { return (told += '?').ends_with("??"); }
     void OnVerifyEnd(ClientRef nd) override { told += nd.StopVerify() == Result::kOk ? 'v' : 'X'; }
     void OnLog(ClientRef, LogLevel, const char *, std::va_list arguments) override {
-        logged = va_arg(arguments, uint32_t); // the id of the component comes first
-        endsInside ? client.Close() : void();
+        logged = va_arg(arguments, uint32_t);   // the id of the component comes first
+        if (std::exchange(endsInside, false)) { // and makes another one, to which nothing more must come
+            client.Close();
+            heir->client = Client({.component = id, .self = 1}, *heir);
+            heir->logged = 0;
+        }
     }
     bool endsInside = false;
+    Peer *heir = nullptr;
     uint8_t id;
     uint32_t logged = 0;
     std::string told;
@@ -91,9 +96,12 @@ TEST(Hpp, ResultsAndSpansOfAnyLength) {
     for (const bool restart : {true, false, true}) {
         EXPECT_EQ(peer.client.Diagnose(all, restart).text.find("unsubscribingList num: 1") < 2048, restart);
     }
+    Peer heir(world, 101);
+    peer.heir = &heir;
     peer.endsInside = true;
     peer.client.NotifyComponent(false); // reports several times, the first of which ends the client
     EXPECT_TRUE(world.Assertions().size() == 1 && !world.Leaks().empty());
+    EXPECT_TRUE(heir.client && (heir.logged == 0 || sizeof(void *) == 4));
 }
 
 TEST(Hpp, EndsWithoutATraceAtAnyTime) {

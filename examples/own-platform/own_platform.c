@@ -357,9 +357,9 @@ uint32_t APPTMR_CreateLib2(uint32_t timerHandle, APPTMR_ExpiryFunc expiry, uint3
     return lib->handle;
 }
 
-uint32_t APPTMR_CreateInstance(uint32_t lib, const uint32_t *params) {
+uint32_t APPTMR_CreateInstance(uint32_t lib, const uint32_t *params, uint32_t word3, uint32_t word1) {
     Entry *instance = Find(lib) != NULL ? NewEntry(lib) : NULL;
-    (void)params;
+    (void)params, (void)word3, (void)word1;
     return instance != NULL ? instance->handle : 0;
 }
 

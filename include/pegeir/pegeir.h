@@ -33,6 +33,8 @@
  *    ND_LIB_MsgProcess, ND_LIB_NotifyNdCompState, ND_LIB_RegisterConsumer or ND_LIB_Deinit there: these
  *    would pull the instance out from under the call that runs the callback.  Each is asserted then and
  *    does nothing; it returns ND_LIB_ERR, or ND_LIB_ERR_PARAM where it registers.
+ *    A state of the component that is notified there is lost: notify it again afterwards.  Callbacks return:
+ *    one that is left by longjmp or an exception leaves an instance that refuses every call.
  *    Requests report through the log function themselves, so a log function that makes one must guard
  *    against being entered again.
  *  - With several instances in one process, hand a timer message to each, and an ndpi message only to the
@@ -296,7 +298,8 @@ enum { ND_LIB_DIAG_MIN_BUFFER = 20 };
  * bytes: the text is those bytes, a terminating zero is not promised.
  * restart 1 begins again at the first report, any other value goes on.  A trace box is read on from where the
  * last read stopped: a pass that is begun again in the middle of one shows what had not been shown.  Whether
- * the passes after that show a box from its oldest line, or only what is new, is the platform's.
+ * the passes after that show a box from its oldest line, or only what is new, is the platform's.  There is one
+ * pass an instance: two readers would share out its pages.
  * Returns ND_LIB_OK when more pages follow; ND_LIB_ERR_DIAG_END with the last page, after which the next
  * call begins again, or for a missing argument (asserted); ND_LIB_ERR_BUFLEN, with nothing changed and
  * before pageLen is looked at, when bufferLen is below ND_LIB_DIAG_MIN_BUFFER.

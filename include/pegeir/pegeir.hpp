@@ -288,7 +288,19 @@ namespace detail {
 
 inline constexpr bool kWordHoldsAddress = sizeof(void *) <= sizeof(std::uint32_t);
 
-[[gnu::visibility("default")]] inline constinit std::atomic<Consumer *> consumers[kMaxClients] = {};
+// Where the callbacks find a consumer: a place in a table, and which of the clients that held it one after
+// the other.  An instance that was let go of inside a callback still knows its place, but not a later client's.
+struct Place {
+    std::atomic<Consumer *> consumer;
+    std::atomic<std::uint32_t> clientsBefore;
+};
+[[gnu::visibility("default")]] inline constinit Place places[kMaxClients] = {};
+
+// Returns the place's name as appLocal, which is never 0.
+inline std::uint32_t NameOf(std::uint32_t index) noexcept {
+    constexpr std::uint32_t kNames = 0xFFFFFFFF / kMaxClients;
+    return places[index].clientsBefore.load(std::memory_order_relaxed) % kNames * kMaxClients + index + 1;
+}
 
 // Returns the appLocal by which the callbacks find consumer, or 0 when the table is full.
 inline std::uint32_t Enter(Consumer &consumer) noexcept {
@@ -297,8 +309,8 @@ inline std::uint32_t Enter(Consumer &consumer) noexcept {
     } else {
         for (std::uint32_t index = 0; index < kMaxClients; ++index) {
             Consumer *vacant = nullptr;
-            if (consumers[index].compare_exchange_strong(vacant, &consumer)) {
-                return index + 1;
+            if (places[index].consumer.compare_exchange_strong(vacant, &consumer)) {
+                return NameOf(index);
             }
         }
         return 0;
@@ -307,7 +319,9 @@ inline std::uint32_t Enter(Consumer &consumer) noexcept {
 
 inline void Leave(std::uint32_t appLocal) noexcept {
     if constexpr (!kWordHoldsAddress) {
-        consumers[appLocal - 1].store(nullptr);
+        Place &place = places[(appLocal - 1) % kMaxClients];
+        place.clientsBefore.fetch_add(1);
+        place.consumer.store(nullptr);
     }
 }
 
@@ -319,7 +333,8 @@ inline Consumer *ConsumerOf(const ND_LIB_Instance *instance) noexcept {
     if constexpr (kWordHoldsAddress) {
         return reinterpret_cast<Consumer *>(static_cast<std::uintptr_t>(appLocal));
     } else {
-        return consumers[appLocal - 1].load(std::memory_order_relaxed);
+        const std::uint32_t index = (appLocal - 1) % kMaxClients;
+        return NameOf(index) == appLocal ? places[index].consumer.load(std::memory_order_relaxed) : nullptr;
     }
 }
 

@@ -92,7 +92,7 @@ uint32_t APPTMR_CreateLib2(uint32_t, APPTMR_ExpiryFunc expiry, uint32_t) {
     return g_service.lastHandle;
 }
 
-uint32_t APPTMR_CreateInstance(uint32_t lib, const uint32_t *) {
+uint32_t APPTMR_CreateInstance(uint32_t lib, const uint32_t *, uint32_t, uint32_t) {
     if (!g_service.libs.contains(lib))
         return 0;
     g_service.instances[++g_service.lastHandle] = lib;

@@ -113,13 +113,14 @@ uint32_t APPTMR_CreateLib2(uint32_t timerHandle, APPTMR_ExpiryFunc expiry, uint3
     return handle;
 }
 
-uint32_t APPTMR_CreateInstance(uint32_t lib, const uint32_t *params) {
+uint32_t APPTMR_CreateInstance(uint32_t lib, const uint32_t *params, uint32_t word3, uint32_t word1) {
     State &state = Here();
     if (CountCall(state, Op::kTimerCreateInstance)) {
         return 0;
     }
     if (!state.timerLibs.contains(lib) || params == nullptr ||
-        !std::equal(kInstanceParams.begin(), kInstanceParams.end(), params)) {
+        !std::equal(kInstanceParams.begin(), kInstanceParams.end(), params) || word3 != params[2] ||
+        word1 != params[0]) {
         Violation(state, "APPTMR_CreateInstance in an unknown library, or without 1, 120, 500");
         return 0;
     }

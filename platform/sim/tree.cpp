@@ -1,5 +1,5 @@
 // The tree of all platforms, or another one: balanced by chance, without a use for colours, gone through from
-// the greatest key to the least.
+// the root on, each node before those below it, so that the order changes with the shape.
 
 #include "common/common.hpp"
 #include "state.hpp"
@@ -40,33 +40,31 @@ void Rise(Tree *tree, Node *node) {
     Hang(tree, node, &node->child[1 - side], parent);
 }
 
-Node *Outermost(const Tree *tree, Node *node, int side) {
-    while (node->child[side] != &tree->sentinel) {
-        node = node->child[side];
-    }
-    return node;
-}
-
 } // namespace
 
 KAL_RBT_Node *KAL_RBT_FirstNode(KAL_RBT_Tree *tree) {
     if (!IsOther()) {
         return pegeir::common::TreeFirst(tree);
     }
-    return tree->root == nullptr || tree->root == &tree->sentinel ? nullptr : Outermost(tree, tree->root, 0);
+    return tree->root == &tree->sentinel ? nullptr : tree->root;
 }
 
 KAL_RBT_Node *KAL_RBT_NextNode(KAL_RBT_Tree *tree, KAL_RBT_Node *node) {
     if (!IsOther() || node == nullptr) {
         return pegeir::common::TreeNext(tree, node);
     }
-    if (node->child[1] != &tree->sentinel) {
-        return Outermost(tree, node->child[1], 0);
+    const Node *const end = &tree->sentinel;
+    for (Node *child : node->child) {
+        if (child != end) {
+            return child;
+        }
     }
-    while (node->parent != &tree->sentinel && node->parent->child[1] == node) {
-        node = node->parent;
+    for (; node->parent != end; node = node->parent) {
+        if (node->parent->child[0] == node && node->parent->child[1] != end) {
+            return node->parent->child[1];
+        }
     }
-    return node->parent == &tree->sentinel ? nullptr : node->parent;
+    return nullptr;
 }
 
 // Most new nodes rise to the root, which keeps ways short whatever the order of insertion.

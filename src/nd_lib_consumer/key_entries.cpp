@@ -89,9 +89,13 @@ void ND_LIB_DeleteKeyEntry(ND_LIB_KeyEntry **keyEntry, ND_LIB_Instance *instance
 }
 
 void ND_LIB_DeleteAllKeyEntry(ND_LIB_Instance *instance) {
-    for (ND_LIB_KeyEntry *entry = pegeir::store::FirstKey(instance); entry != nullptr;) {
-        ND_LIB_KeyEntry *next = pegeir::store::NextKey(instance, entry);
-        ND_LIB_DeleteKeyEntry(&entry, instance);
-        entry = next;
-    }
+    // The order of a walk is the platform's and may follow the shape of the tree, which each removal changes:
+    // what one walk then misses, another one takes.
+    do {
+        for (ND_LIB_KeyEntry *entry = pegeir::store::FirstKey(instance); entry != nullptr;) {
+            ND_LIB_KeyEntry *next = pegeir::store::NextKey(instance, entry);
+            ND_LIB_DeleteKeyEntry(&entry, instance);
+            entry = next;
+        }
+    } while (instance->consumer.subscribeTree.count != 0 && pegeir::store::FirstKey(instance) != nullptr);
 }

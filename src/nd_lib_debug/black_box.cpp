@@ -105,7 +105,7 @@ int FormatStamp(ND_LIB_BlackBoxLine &line) {
 
 // What a platform's box promises is little: a read may come short, and when everything has been read it
 // answers 0, after which it begins again or stays at its end.  So a reader's position can be had by counting
-// alone, and can be put back only in a box that begins again.
+// alone.  It is put back by reading where the box begins again, and by appending what was read where not.
 
 enum class Growth : uint8_t {
     kDone,
@@ -115,17 +115,18 @@ enum class Growth : uint8_t {
 
 // Reads on, behind the *have bytes that are in buffer, until there are size or the box answers 0: read on
 // after that, one that begins again would never come to an end.  A read that fails is tried again, and at
-// the third failure given up; returns false then.
+// the third failure in a row given up; returns false then.
 bool ReadOn(void *box, char *buffer, uint32_t size, uint32_t *have) {
-    uint32_t triesLeft = 3;
-    while (*have < size) {
+    constexpr uint32_t kTries = 3;
+    for (uint32_t failures = 0; *have < size;) {
         const int32_t count = ReadBlockFromBlackBox(box, buffer + *have, size - *have);
         if (count == 0) {
             return true;
         }
         if (count > 0) {
             *have += static_cast<uint32_t>(count);
-        } else if (--triesLeft == 0) {
+            failures = 0;
+        } else if (++failures == kTries) {
             return false;
         }
     }
@@ -143,14 +144,27 @@ bool Store(void *newBox, const char *bytes, uint32_t count) {
     if (count != 0) {
         (void)WriteBlackBox(newBox, bytes, count);
     }
-    return GetBlackBoxContentLength(newBox) == static_cast<int32_t>(count);
+    return GetBlackBoxContentLength(newBox) >= static_cast<int32_t>(count);
 }
 
-// Lets the reader of a box that begins again stand behind its oldest bytes.
-void StandBehind(void *box, uint32_t bytes, char *buffer, uint32_t size) {
+// Puts the reader of a box back to before its last unread bytes, as far as the box can be read.  These bytes
+// are in buffer, unless the box has begun again since, and then they are not needed.
+void PutBack(void *box, uint32_t content, uint32_t unread, char *buffer, uint32_t size) {
+    const uint32_t position = content - unread;
     uint32_t rest = 0;
-    if (ReadOn(box, buffer, size, &rest)) {
-        (void)Skip(box, buffer, bytes);
+    if (!ReadOn(box, buffer, size, &rest)) {
+        return;
+    }
+    // Everything has been read.  A reader at the very beginning is found out by reading all of it once more.
+    uint32_t again = 0;
+    const bool isRead = ReadOn(box, buffer, position == 0 ? content : position, &again);
+    if (isRead && again == 0 && unread != 0) {
+        if (static_cast<const BlackBoxHead *>(box)->usable != 0) {
+            (void)WriteBlackBox(box, buffer, unread);
+        }
+    } else if (position == 0) {
+        rest = 0;
+        (void)ReadOn(box, buffer, size, &rest);
     }
 }
 
@@ -158,33 +172,25 @@ void StandBehind(void *box, uint32_t bytes, char *buffer, uint32_t size) {
 // use, and its reader goes on where it stood.  buffer has size bytes, which is more than the content.
 Growth CopyBox(void *oldBox, void *newBox, uint32_t content, char *buffer, uint32_t size) {
     uint32_t unread = 0;
-    if (!ReadOn(oldBox, buffer, content, &unread)) {
-        if (ReadOn(oldBox, buffer, size, &unread) && unread < content) {
-            (void)Skip(oldBox, buffer, content - unread);
-        }
+    bool isRead = ReadOn(oldBox, buffer, content, &unread);
+    if (!isRead && (unread == 0 || !ReadOn(oldBox, buffer, content, &unread))) {
         return Growth::kFailed;
     }
     uint32_t have = unread;
-    if (unread < content) {
+    if (isRead && unread < content) {
         // A diagnose pass stands in the middle of the box, and this was what it has not read yet.
         have = 0;
-        const bool isRead = ReadOn(oldBox, buffer, content, &have);
-        if (isRead && have < content) {
-            if (have > unread) {
-                (void)Skip(oldBox, buffer, have - unread);
-            } else if (have == 0 && unread != 0) {
-                // It does not begin again: what the pass has not read goes behind everything else.
-                (void)WriteBlackBox(oldBox, buffer, unread);
-            }
-            return Growth::kHopeless;
+        isRead = ReadOn(oldBox, buffer, content, &have);
+        if (isRead && have != 0 && have >= unread) {
+            content = have; // all that can be read, which is all unless its length counts more than lines
         }
     }
-    const uint32_t position = content - unread;
-    if (have == content && Store(newBox, buffer, content) && Skip(newBox, buffer, position)) {
+    if (isRead && have == content && Store(newBox, buffer, content) &&
+        Skip(newBox, buffer, content - unread)) {
         return Growth::kDone;
     }
-    StandBehind(oldBox, position, buffer, size);
-    return Growth::kFailed;
+    PutBack(oldBox, content, unread, buffer, size);
+    return isRead && have == 0 && unread != 0 ? Growth::kHopeless : Growth::kFailed;
 }
 
 } // namespace
@@ -275,11 +281,11 @@ void ND_LIB_ExpandBlackBox(ND_LIB_BlackBoxDesc *desc, ND_LIB_Instance *instance)
         return;
     }
     const int32_t contentLen = GetBlackBoxContentLength(desc->bbHandle);
-    const uint32_t content = contentLen > 0 ? static_cast<uint32_t>(contentLen) : 0;
+    const auto content = static_cast<uint32_t>(contentLen);
     const uint32_t size = content + sizeof(ND_LIB_BlackBoxLine);
     auto *buffer = static_cast<char *>(pegeir::ZeroAlloc(kDebugModule, instance->memHandle, size));
     Growth growth = Growth::kFailed;
-    if (buffer != nullptr && static_cast<BlackBoxHead *>(newBox)->usable != 0) {
+    if (buffer != nullptr && contentLen >= 0 && static_cast<BlackBoxHead *>(newBox)->usable != 0) {
         growth = CopyBox(desc->bbHandle, newBox, content, buffer, size);
     }
     if (growth == Growth::kDone) {

@@ -20,7 +20,7 @@ uint32_t ND_LIB_InitTmr(ND_LIB_Instance *instance) {
         return ND_LIB_ERR;
     }
     const uint32_t params[] = {1, 120, 500};
-    context->tmrInstHandle = APPTMR_CreateInstance(context->tmrLibHandle, params);
+    context->tmrInstHandle = APPTMR_CreateInstance(context->tmrLibHandle, params, params[2], params[0]);
     return context->tmrInstHandle == 0 ? ND_LIB_ERR : ND_LIB_OK;
 }
 

@@ -56,7 +56,8 @@ PEGEIR_PLATFORM_API void ZEP_Assert(const char *source, uint32_t line, uint32_t 
  * A message is handled by the address of its data area.  Around the data the platform keeps an
  * envelope: sender and receiver address ("cid"), the receiver's instance ("IID"), an interface and a
  * sub-interface value.  The operations below take the data address of a message that
- * ZEP_MsgFlowCtrlAlloc_F returned or that the platform delivered to the consumer.
+ * ZEP_MsgFlowCtrlAlloc_F returned or that the platform delivered to the consumer.  The data of a delivered
+ * message is written by nobody but the library until the call that it was handed to returns.
  */
 
 /*
@@ -97,9 +98,10 @@ PEGEIR_PLATFORM_API void DMS_ZEP_MSG_SET_SUB_INTF(void *message, uint32_t value)
 PEGEIR_PLATFORM_API uint32_t DMS_ZEP_MSG_GET_SUB_INTF(const void *message);
 
 /*
- * Returns the number of data bytes of a received message: the library reads no byte behind them.
- * The one optional operation: where it is missing, the library takes a message at its word, which a platform
- * on which only trusted code can send may allow itself.
+ * Returns the number of data bytes of a received message: the library touches no byte behind them.
+ * The one optional operation: where it is missing, the library takes a message at its word, and reads, rewrites
+ * and echoes as many bytes as its header claims.  A platform may allow itself that where only trusted code can
+ * send, and nothing arrives cut short.
  */
 PEGEIR_PLATFORM_API uint32_t DMS_MsgDataLenGet(const void *message);
 
@@ -118,14 +120,15 @@ typedef struct SysTime {
 } SysTime;
 
 /* Stores the seconds of a clock into *seconds, and a value of the platform's own into *second.  Neither
- * pointer is null.  A clock that jumps or goes back stretches or shortens what waits, and breaks nothing. */
+ * pointer is null.  The clock should not jump: what waits ends early when it goes forward, and when it goes
+ * back waits until it has caught up. */
 PEGEIR_PLATFORM_API void KAL_SecondNow(uint32_t *seconds, uint32_t *second);
 
 /* Stores the present GMT date and time into *gmt.  Returns 0, or an error code. */
 PEGEIR_PLATFORM_API uint32_t ZEP_GMT_SystimeGet(SysTime *gmt);
 
 /* Converts *gmt to local time into *local.  *flag is 1 on entry.  What it returns is not looked at; a
- * conversion that fails leaves *local as it was, which is *gmt. */
+ * conversion that fails should leave *local as it was, which is *gmt: lines are then stamped with that. */
 PEGEIR_PLATFORM_API uint32_t ZEP_Gmt2LocalTime(const SysTime *gmt, SysTime *local, uint32_t *flag);
 
 /* ---- Red-black tree -------------------------------------------------------------------------- */
@@ -148,8 +151,8 @@ typedef struct KAL_RBT_Node {
 typedef struct KAL_RBT_Tree {
     KAL_RBT_Node *root;
     KAL_RBT_Node sentinel;
-    uint32_t reserved;
-    uint32_t count; /* nodes in the tree */
+    uint32_t reserved; /* the platform's */
+    uint32_t count;    /* nodes in the tree */
 } KAL_RBT_Tree;
 
 /* Returns the first node in traversal order, which is the platform's own, or null for an empty tree. */
@@ -164,7 +167,8 @@ PEGEIR_PLATFORM_API KAL_RBT_Node *KAL_RBT_NextNode(KAL_RBT_Tree *tree, KAL_RBT_N
 PEGEIR_PLATFORM_API void KAL_RBT_RemoveNode(KAL_RBT_Tree *tree, KAL_RBT_Node *node);
 
 /* Restores the red-black properties after node, red and with two sentinel children, has been linked
- * in as a leaf; raises count by 1. */
+ * in as a leaf; raises count by 1.  Any other balance, or none, does as well: the library reads root, children
+ * and count alone. */
 PEGEIR_PLATFORM_API void KAL_RBT_InsertNodeFixup(KAL_RBT_Tree *tree, KAL_RBT_Node *node);
 
 /* ---- Application timers ---------------------------------------------------------------------- */
@@ -179,8 +183,10 @@ PEGEIR_PLATFORM_API uint32_t APPTMR_CreateLib2(uint32_t timerHandle, APPTMR_Expi
                                                uint32_t memHandle);
 
 /* Returns a nonzero handle of a timer instance in lib, or 0.  params points at three words, 1, 120
- * and 500, whose meaning is the timer service's own. */
-PEGEIR_PLATFORM_API uint32_t APPTMR_CreateInstance(uint32_t lib, const uint32_t *params);
+ * and 500, whose meaning is the timer service's own.  The third and the first of them are handed over as
+ * arguments as well, for a service that takes them so; one that does not need not look at them. */
+PEGEIR_PLATFORM_API uint32_t APPTMR_CreateInstance(uint32_t lib, const uint32_t *params, uint32_t word3,
+                                                   uint32_t word1);
 
 /* The flag of every APPTMR_CreatePeriodTimer. */
 enum { APP_TIMER_FLAG_SHADOW = 2 };
@@ -196,8 +202,9 @@ PEGEIR_PLATFORM_API uint32_t APPTMR_CreatePeriodTimer(uint32_t instance, uint32_
  * earlier leaks its param and leaves the library without timeouts. */
 PEGEIR_PLATFORM_API void *APPTMR_GetTimerParam(uint32_t instance, uint32_t timerId);
 
-/* Deletes a timer: it expires no more, also when an expiry message is already under way.  Returns 0,
- * or an error code when the timer goes on running. */
+/* Deletes a timer: it expires no more, also when an expiry message is already under way; the expiry callback
+ * may then still be run with a null param, and never with the timer's.  Returns 0, or an error code when the
+ * timer goes on running. */
 PEGEIR_PLATFORM_API uint32_t APPTMR_DeleteTimer(uint32_t instance, uint32_t timerId);
 
 /* Processes a message with receiver IID 3: runs the expiry callback of lib for each timer that the
@@ -234,7 +241,7 @@ PEGEIR_PLATFORM_API void DestroyBlackBox(void *box);
 /*
  * Appends length bytes, which may lie in the box's own line buffer: one line ending in a line feed, or
  * several such lines, of which the first may be the rest of one.  What a full box does is the platform's: drop
- * its oldest lines, or refuse.  Returns a status of the platform's own.
+ * its oldest lines or bytes, or refuse.  Returns a status of the platform's own.
  */
 PEGEIR_PLATFORM_API int32_t WriteBlackBox(void *box, const void *bytes, uint32_t length);
 
