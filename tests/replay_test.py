@@ -101,7 +101,8 @@ def check_equal(consumer):
     code, text, _ = replay(consumer, "--json", "--diagnose")
     objects = [json.loads(line) for line in text.splitlines()]
     sent = [packet.data.hex() for packet in load(consumer) if packet.sent()]
-    assert code == 0 and [one["bytes"] for one in objects if one["event"] == "sent"] == sent
+    played = [one["bytes"] for one in objects if one["event"] == "sent"]
+    assert code == 0 and played == sent, (code, len(played), len(sent), [pair for pair in zip(played, sent) if pair[0] != pair[1]][:2])
     assert objects[-1]["equal"] and objects[-1]["messages"] == len(sent)
     reports = "".join(one["text"] for one in objects if one["event"] == "diagnose")
     assert "FSM statistic" in reports and "FSM blackbox info" in reports

@@ -24,7 +24,8 @@ bool IsBox(State &state, void *box, const char *call) {
 
 bool AreWilful(const State &state) {
     const Liberties &liberties = state.options.liberties;
-    return liberties.boxesStay || liberties.fullBox != Liberties::FullBox::kForgetsLines;
+    return liberties.boxesStay || liberties.countedMore ||
+           liberties.fullBox != Liberties::FullBox::kForgetsLines;
 }
 
 WilfulBox *FindWilful(State &state, const void *box) {
@@ -48,6 +49,7 @@ std::int32_t Write(State &state, WilfulBox &box, std::string_view bytes) {
         return -1;
     }
     box.text += bytes;
+    box.counted += state.options.liberties.countedMore ? 4 : 0;
     if (length > box.size) {
         std::size_t gone = length - box.size;
         if (full == Liberties::FullBox::kForgetsLines) {
@@ -113,7 +115,7 @@ int32_t ReadBlockFromBlackBox(void *box, void *buffer, uint32_t length) {
     length = failure ? std::min(length, *failure->shorten) : length;
     if (state.options.liberties.shortReads && length > 1) {
         constexpr std::uint32_t kUsual = 200;
-        length = 1 + static_cast<std::uint32_t>(state.whim() % std::min(length, kUsual));
+        length = 1 + Below(state, std::min(length, kUsual));
     }
     WilfulBox *wilful = FindWilful(state, box);
     return wilful == nullptr ? pegeir::common::BoxRead(box, buffer, length)
@@ -127,7 +129,7 @@ int32_t GetBlackBoxContentLength(void *box) {
     }
     const WilfulBox *wilful = FindWilful(state, box);
     return wilful == nullptr ? pegeir::common::BoxContentLength(box)
-                             : static_cast<std::int32_t>(wilful->text.size());
+                             : static_cast<std::int32_t>(wilful->text.size() + wilful->counted);
 }
 
 int32_t GetBlackBoxBufferLen(void *box) {

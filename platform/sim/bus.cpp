@@ -44,8 +44,8 @@ void *MakeReceived(State &state, const Record &record) {
 
 void *MakeMessage(State &state, Record envelope, std::uint32_t size, bool received, Place place) {
     const bool odd = state.options.liberties.oddMessages;
-    const std::size_t before = odd ? 1 + 2 * (state.whim() % 4) : 0;
-    const std::size_t behind = odd ? 1 + state.whim() % 32 : 0;
+    const std::size_t before = odd ? 1 + 2 * Below(state, 4) : 0;
+    const std::size_t behind = odd ? 1 + Below(state, 32) : 0;
     auto *memory = static_cast<std::uint8_t *>(std::malloc(before + size + behind));
     if (memory == nullptr) {
         throw std::bad_alloc();

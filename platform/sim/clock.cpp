@@ -45,9 +45,9 @@ namespace {
 // Lets the monotonic clock err: mostly it goes on as it is, sometimes it stands or jumps.
 void LetItErr(State &state) {
     constexpr std::int32_t kMost = 10;
-    const std::uint64_t drawn = state.whim() % 16;
+    const std::uint32_t drawn = Below(state, 16);
     if (drawn == 0) {
-        state.clockOff = static_cast<std::int32_t>(state.whim() % (2 * kMost + 1)) - kMost;
+        state.clockOff = static_cast<std::int32_t>(Below(state, 2 * kMost + 1)) - kMost;
     } else if (drawn < 3) {
         state.clockOff = std::max(state.clockOff - 1, -kMost);
     }

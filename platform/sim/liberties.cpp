@@ -12,7 +12,7 @@ Liberties Liberties::Of(std::uint64_t seed, bool withTime) {
     Liberties taken = {.seed = seed};
     for (bool Liberties::*const liberty :
          {&Liberties::anyAnswers, &Liberties::noZeroCounts, &Liberties::oddMessages, &Liberties::otherTree,
-          &Liberties::sameHandles, &Liberties::boxesStay, &Liberties::shortReads}) {
+          &Liberties::sameHandles, &Liberties::boxesStay, &Liberties::shortReads, &Liberties::countedMore}) {
         taken.*liberty = mostly();
     }
     taken.noBytes = static_cast<NoBytes>(random() % 3);
@@ -23,11 +23,14 @@ Liberties Liberties::Of(std::uint64_t seed, bool withTime) {
     return taken;
 }
 
+std::uint32_t Below(State &state, std::uint32_t limit) {
+    return static_cast<std::uint32_t>(state.whim() % limit);
+}
+
 std::uint32_t Anything(State &state) {
     // The values at which a comparison or a sign goes wrong come up as often as all others.
     constexpr std::array<std::uint32_t, 5> kEdges = {0, 1, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF};
-    const std::uint64_t drawn = state.whim();
-    return drawn % 2 == 0 ? kEdges[drawn / 2 % kEdges.size()] : static_cast<std::uint32_t>(drawn >> 32);
+    return Below(state, 2) == 0 ? kEdges[Below(state, kEdges.size())] : Below(state, 0xFFFFFFFF);
 }
 
 std::uint32_t AnyAnswer(std::uint32_t expected) {
@@ -42,8 +45,9 @@ std::uint32_t AnyError(State &state, std::uint32_t code) {
 
 void Scribble(State &state, void *bytes, std::size_t count) {
     auto *to = static_cast<std::uint8_t *>(bytes);
-    for (std::uint64_t drawn = state.whim(); count != 0; --count, drawn = drawn * 6364136223846793005U + 1) {
+    for (std::uint64_t drawn = state.whim(); count != 0; --count) {
         *to++ = static_cast<std::uint8_t>(drawn >> 56);
+        drawn = drawn * 6364136223846793005U + 1;
     }
 }
 

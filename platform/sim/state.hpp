@@ -64,6 +64,7 @@ struct WilfulBox {
     std::uint32_t size;
     std::string text = {};
     std::size_t reader = 0;
+    std::size_t counted = 0; // in the content length, beside the text
 };
 
 struct Queued {
@@ -141,6 +142,7 @@ bool Chance(std::mt19937_64 &random, double probability);
 // Whether the World takes liberties at all: what costs nothing else asks this first.
 extern bool takesLiberties;
 std::uint32_t Anything(State &state);
+std::uint32_t Below(State &state, std::uint32_t limit); // any number below limit
 // Returns what an answer without a promised value is.
 std::uint32_t AnyAnswer(std::uint32_t expected);
 std::uint32_t AnyError(State &state, std::uint32_t code); // never 0

@@ -48,8 +48,8 @@ std::uint32_t NewHandle(State &state, const Entries &entries) {
 
 // Returns by how much an expiry is late.
 std::uint64_t Lateness(State &state) {
-    constexpr std::uint64_t kMostMs = 2500;
-    return state.whim() % 4 == 0 ? state.whim() % kMostMs : 0;
+    constexpr std::uint32_t kMostMs = 2500;
+    return Below(state, 4) == 0 ? Below(state, kMostMs) : 0;
 }
 
 // A stop looks its timer up, and then deletes it.
@@ -75,7 +75,7 @@ void ExpireTimers(State &state, std::uint64_t untilMs) {
         const auto id = Earliest(state)->first;
         Timer &timer = state.timers.at(id);
         const bool atWill = state.options.liberties.expiriesAtWill;
-        if (atWill && state.whim() % 8 == 0) {
+        if (atWill && Below(state, 8) == 0) {
             Enqueue(state, ExpiryMessage(state, id, timer), true, timer.dueMs + Lateness(state));
         }
         Enqueue(state, ExpiryMessage(state, id, timer), true, timer.dueMs + (atWill ? Lateness(state) : 0));

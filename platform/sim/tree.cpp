@@ -76,8 +76,8 @@ void KAL_RBT_InsertNodeFixup(KAL_RBT_Tree *tree, KAL_RBT_Node *node) {
     State &state = Here();
     ++tree->count;
     tree->reserved = Anything(state); // not the library's
-    const bool rises = state.whim() % 4 != 0;
-    while (node->parent != &tree->sentinel && (rises || state.whim() % 2 == 0)) {
+    const bool rises = Below(state, 4) != 0;
+    while (node->parent != &tree->sentinel && (rises || Below(state, 2) == 0)) {
         Rise(tree, node);
     }
     node->colour = KAL_RBT_BLACK;
@@ -92,7 +92,7 @@ void KAL_RBT_RemoveNode(KAL_RBT_Tree *tree, KAL_RBT_Node *node) {
     State &state = Here();
     Node *const end = &tree->sentinel;
     while (node->child[0] != end && node->child[1] != end) {
-        Rise(tree, node->child[state.whim() % 2]);
+        Rise(tree, node->child[Below(state, 2)]);
     }
     Hang(tree, node->parent, LinkTo(tree, node), node->child[node->child[0] == end ? 1 : 0]);
     --tree->count;

@@ -115,18 +115,17 @@ enum class Growth : uint8_t {
 
 // Reads on, behind the *have bytes that are in buffer, until there are size or the box answers 0: read on
 // after that, one that begins again would never come to an end.  A read that fails is tried again, and at
-// the third failure in a row given up; returns false then.
+// the third failure given up; returns false then.
 bool ReadOn(void *box, char *buffer, uint32_t size, uint32_t *have) {
-    constexpr uint32_t kTries = 3;
-    for (uint32_t failures = 0; *have < size;) {
+    uint32_t triesLeft = 3;
+    while (*have < size) {
         const int32_t count = ReadBlockFromBlackBox(box, buffer + *have, size - *have);
         if (count == 0) {
             return true;
         }
         if (count > 0) {
             *have += static_cast<uint32_t>(count);
-            failures = 0;
-        } else if (++failures == kTries) {
+        } else if (--triesLeft == 0) {
             return false;
         }
     }

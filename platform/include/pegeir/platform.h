@@ -253,7 +253,7 @@ PEGEIR_PLATFORM_API int32_t WriteBlackBox(void *box, const void *bytes, uint32_t
  */
 PEGEIR_PLATFORM_API int32_t ReadBlockFromBlackBox(void *box, void *buffer, uint32_t length);
 
-/* Return the bytes stored, and the bytes that can be stored. */
+/* Return the bytes stored, at least as many as can be read, and the bytes that can be stored. */
 PEGEIR_PLATFORM_API int32_t GetBlackBoxContentLength(void *box);
 PEGEIR_PLATFORM_API int32_t GetBlackBoxBufferLen(void *box);
 

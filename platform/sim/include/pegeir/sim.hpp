@@ -176,6 +176,7 @@ struct Liberties {
     bool sameHandles = false;  // timers, too: of the highest value, equal across kinds, given anew at once
     bool boxesStay = false;    // a box that was read to its end does not begin again
     bool shortReads = false;   // of boxes
+    bool countedMore = false;  // the content length of a box counts four bytes more for each write
     NoBytes noBytes = NoBytes::kDistinct;
     FullBox fullBox = FullBox::kForgetsLines;
     bool expiriesAtWill = false; // late, twice, and without a timer for those of deleted ones
