@@ -42,8 +42,8 @@ const Life kLives[] = {
     {"Silent", {.silent = true}, 10},
     {"Wrapping", {.hostile = true, .seed = 2, .firstNumber = 0xFFFFFFF0, .firstSecond = 0xFFFFFFF0}, 10},
     {"Large", {.items = 3000, .keyLen = 8}, 40000},
-    {"Unfriendly", {.hostile = true, .liberties = sim::Liberties::Of(3)}, 10},
-    {"Unfriendlier", {.hostile = true, .seed = 3, .liberties = sim::Liberties::Of(12)}, 10},
+    {"Unfriendly", {.hostile = true, .liberties = sim::Liberties::Of(7)}, 10},
+    {"Unfriendlier", {.hostile = true, .seed = 3, .liberties = sim::Liberties::Of(13)}, 10},
 };
 
 constexpr uint32_t kShards = 4;
