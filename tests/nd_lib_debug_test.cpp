@@ -384,6 +384,46 @@ TEST(DebugGrowth, NeitherLosesNorGarblesALineHoweverBoxesAreRead) {
     }
 }
 
+TEST(DebugGrowth, PutsTheReaderBackHoweverItFails) {
+    for (const Reading &reading : kReadings) {
+        for (const uint32_t size : {0U, 40U}) {
+            SCOPED_TRACE(testing::Message()
+                         << reading.stays << reading.cut << reading.more << ", pages of " << size);
+            Bench b(reading.Taken());
+            b.Trace(1, 2);
+            std::string text = kTitles[0];
+            if (size != 0) {
+                b.StartPass(size);
+                text = b.Page(size);
+            }
+            for (uint32_t line = 3; line < 12; ++line) { // each time, but the last, for three reads in a row
+                const uint64_t from = b.world.Calls(Op::kReadBlackBox) + 2;
+                b.world.Fail({.op = Op::kReadBlackBox, .from = from, .count = line < 11 ? 3U : 2U});
+                b.Trace(line, line);
+                b.world.LiftAll();
+            }
+            EXPECT_LE(static_cast<size_t>(GetBlackBoxContentLength(b.d.nd->blackBox[0].bbHandle)),
+                      2 * Lines(1, 11).size() + 4 * 11);
+            if (size == 0) {
+                EXPECT_EQ(b.Stored(), Lines(1, 11));
+            } else {
+                EXPECT_EQ(text + b.RestOfBox(4096), kTitles[0] + Lines(1, 11) + "\n");
+            }
+        }
+    }
+    Bench b({.shortReads = true});
+    for (uint32_t line = 1; line < 12; ++line) {
+        for (uint64_t read = 1; read < 600; read += 3) { // two of three fail, never three in a row
+            b.world.Fail(
+                {.op = Op::kReadBlackBox, .from = b.world.Calls(Op::kReadBlackBox) + read, .count = 2});
+        }
+        b.Trace(line, line);
+        b.world.LiftAll();
+    }
+    EXPECT_EQ(b.Kilobytes(), 100);
+    EXPECT_EQ(b.Stored(), Lines(1, 11));
+}
+
 TEST_F(Debug, CallsWithoutABoxAreAnswered) {
     va_list none = {};
     const char *const volatile noFormat = nullptr;

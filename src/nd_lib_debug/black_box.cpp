@@ -115,17 +115,18 @@ enum class Growth : uint8_t {
 
 // Reads on, behind the *have bytes that are in buffer, until there are size or the box answers 0: read on
 // after that, one that begins again would never come to an end.  A read that fails is tried again, and at
-// the third failure given up; returns false then.
+// the third failure in a row given up; returns false then.
 bool ReadOn(void *box, char *buffer, uint32_t size, uint32_t *have) {
-    uint32_t triesLeft = 3;
-    while (*have < size) {
+    constexpr uint32_t kTries = 3;
+    for (uint32_t failures = 0; *have < size;) {
         const int32_t count = ReadBlockFromBlackBox(box, buffer + *have, size - *have);
         if (count == 0) {
             return true;
         }
         if (count > 0) {
             *have += static_cast<uint32_t>(count);
-        } else if (--triesLeft == 0) {
+            failures = 0;
+        } else if (++failures == kTries) {
             return false;
         }
     }
@@ -147,24 +148,24 @@ bool Store(void *newBox, const char *bytes, uint32_t count) {
 }
 
 // Puts the reader of a box back to before its last unread bytes, as far as the box can be read.  These bytes
-// are in buffer, unless the box has begun again since, and then they are not needed.
-void PutBack(void *box, uint32_t content, uint32_t unread, char *buffer, uint32_t size) {
-    const uint32_t position = content - unread;
+// are in buffer, unless the box has begun again since, and then they are not needed.  Returns whether the box
+// turns out to stay at its end.
+bool PutBack(void *box, uint32_t unread, char *buffer, uint32_t size) {
     uint32_t rest = 0;
-    if (!ReadOn(box, buffer, size, &rest)) {
-        return;
+    uint32_t all = 0;
+    if (!ReadOn(box, buffer, size, &rest) || !ReadOn(box, buffer, size, &all)) {
+        return false;
     }
-    // Everything has been read.  A reader at the very beginning is found out by reading all of it once more.
-    uint32_t again = 0;
-    const bool isRead = ReadOn(box, buffer, position == 0 ? content : position, &again);
-    if (isRead && again == 0 && unread != 0) {
+    if (all == 0 && unread != 0) {
         if (static_cast<const BlackBoxHead *>(box)->usable != 0) {
             (void)WriteBlackBox(box, buffer, unread);
         }
-    } else if (position == 0) {
-        rest = 0;
-        (void)ReadOn(box, buffer, size, &rest);
+        return true;
     }
+    if (all > unread) {
+        (void)Skip(box, buffer, all - unread);
+    }
+    return false;
 }
 
 // Copies the lines of a box and its read position.  A copy that cannot be whole is none: oldBox stays in
@@ -188,8 +189,7 @@ Growth CopyBox(void *oldBox, void *newBox, uint32_t content, char *buffer, uint3
         Skip(newBox, buffer, content - unread)) {
         return Growth::kDone;
     }
-    PutBack(oldBox, content, unread, buffer, size);
-    return isRead && have == 0 && unread != 0 ? Growth::kHopeless : Growth::kFailed;
+    return PutBack(oldBox, unread, buffer, size) ? Growth::kHopeless : Growth::kFailed;
 }
 
 } // namespace
