@@ -64,14 +64,14 @@ Bytes Encoded(const auto &source, const RecordId &id) {
 
 class Rig : public Transport {
 public:
-    explicit Rig(uint32_t items)
+    explicit Rig(uint32_t items, Limits limits = {.messageBurst = 2})
         : source(items, ND_DATA_SYNTHETIC_LEN, [this](const RecordId &id) { server.OnChange(id); }),
           server(
-              *this, catalog, [this] { return now; },
+              *this, catalog, [this] { return now += reads; },
               [this](Severity severity, uint32_t consumer, const std::string &text) {
                   reports += severity <= Severity::kWarning ? Text(consumer, ": ", text, "\n") : "";
               },
-              {.messageBurst = 2}) {
+              limits) {
         catalog.Add(source);
     }
 
@@ -83,7 +83,14 @@ public:
         got.emplace_back(bytes.begin(), bytes.end());
         return SendResult::kSent;
     }
-    bool WhenWritable(uint32_t) override { return asked = true; }
+    bool WhenWritable(uint32_t) override {
+        asked = true;
+        return !gone;
+    }
+    SendResult StartOver(uint32_t consumer) override {
+        startedOver += room == 0 ? "" : Text(consumer, ' ');
+        return room == 0 ? SendResult::kFull : SendResult::kSent;
+    }
 
     void Ask(unsigned type, Bytes message = {}, uint8_t flags = 0, uint32_t number = 0) {
         message.insert(message.begin(), kHeaderLen, 0);
@@ -134,12 +141,12 @@ public:
         return all;
     }
 
-    /* Registers, uploads and asks for the download, which begins at number 1. */
-    void Start(std::initializer_list<uint32_t> items) {
+    /* Registers, uploads and asks for the download, which begins at this number. */
+    void Start(std::initializer_list<uint32_t> items, uint32_t begin = 1) {
         Ask(16);
         Ask(18, Items(items));
         Ask(19);
-        EXPECT_EQ(Got(), "16+ 18+ 19+ 23#1");
+        EXPECT_EQ(Got(), Text("16+ 18+ 19+ 23#", begin));
     }
     void BecomeReady(std::initializer_list<uint32_t> items) {
         Start(items);
@@ -151,11 +158,14 @@ public:
 
     size_t room = SIZE_MAX;
     bool asked = false;
+    bool gone = false;
     uint64_t now = 1000;
+    uint64_t reads = 0; /* ms that each reading of the clock takes */
     uint32_t lastNumber = 0;
     std::set<std::pair<unsigned, uint32_t>> requests;
     uint32_t newest[30] = {};
     std::string reports;
+    std::string startedOver; /* the consumers that were told to */
     std::vector<Bytes> got;
     Catalog catalog;
     SyntheticSource source;
@@ -245,6 +255,50 @@ TEST(Server, DownloadsAsFastAsTheTransportTakesItAndLosesNothing) {
     rig.room = SIZE_MAX;
     rig.Ack(25);
     EXPECT_EQ(rig.Got().substr(0, 14), "26[1r2 2r2 3r2") << "what changed during the download follows";
+}
+
+TEST(Server, HasAConsumerStartOverThatWasTooSlowOrIsNotKnown) {
+    Rig rig(20, {.waitingChanges = 10});
+    rig.BecomeReady({kAll});
+    rig.source.Change(1);
+    EXPECT_EQ(rig.Got(), "26[1r2]");
+    rig.room = 0; /* suspended */
+    rig.source.Change(12);
+    rig.Wait(20);
+    EXPECT_EQ(rig.reports,
+              "7: takes no updates, 11 changes waited: dropped, it has to register and download anew\n");
+    EXPECT_EQ(rig.startedOver, "");
+    rig.room = SIZE_MAX;
+    rig.server.OnWritable(kConsumer);
+    EXPECT_EQ(rig.startedOver, "7 ") << "as soon as it takes messages again";
+    rig.source.Change(12);
+    rig.Wait(4);
+    EXPECT_EQ(rig.startedOver, "7 7 ") << "and again while it does not";
+    EXPECT_EQ(rig.Got(), "") << "no update could make up for what was dropped";
+    rig.Start({3}, 3);
+    rig.Ack(23);
+    EXPECT_EQ(rig.Got(), "24#3[3r3] 25#4");
+    rig.Wait(10);
+    EXPECT_EQ(rig.startedOver, "7 7 ");
+
+    const Bytes request{0, 16, 0, 21, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0};
+    for (int second = 0; second < 5; ++second) { /* once in three seconds */
+        rig.server.OnMessage(8, request);
+        rig.server.OnMessage(8, request);
+        rig.Wait(1);
+    }
+    EXPECT_EQ(rig.startedOver, "7 7 8 8 ");
+}
+
+TEST(Server, IsAsPatientAsItSaysHoweverLateItLooks) {
+    Rig rig(1);
+    rig.BecomeReady({0});
+    rig.reads = 5; /* the clock goes on between two readings */
+    rig.gone = true;
+    rig.Wait(29);
+    EXPECT_EQ(rig.server.ConsumerCount(), 1U);
+    rig.Wait(15);
+    EXPECT_EQ(rig.server.ConsumerCount(), 0U);
 }
 
 TEST(Server, VerifiesSubscriptionsAndHoldsUpdatesBackMeanwhile) {
@@ -490,8 +544,19 @@ TEST(Program, StartsStopsAndSaysWhyItCannot) {
     EXPECT_EQ(line, Text("ready id=100 directory=", temp.name));
     EXPECT_EQ(exitCode("--no-kernel"), 1) << "the id is in use";
 
+    /* Started without standard streams, it must not write its log into what got their numbers. */
     kill(pid, SIGTERM);
     EXPECT_EQ(pclose(running), 0);
+    running = popen(Text("(", program, "--no-kernel --synthetic 3 <&- >&- 2>&- & echo $!)").c_str(), "r");
+    ASSERT_EQ(std::fscanf(running, "%d", &pid), 1);
+    for (int i = 0; i < 100 && !std::filesystem::exists(Text(temp.name, "/100.sock")); ++i) {
+        usleep(20'000);
+    }
+    for (const char *fd : {"0", "1", "2"}) {
+        EXPECT_EQ(std::filesystem::read_symlink(Text("/proc/", pid, "/fd/", fd)), "/dev/null");
+    }
+    kill(pid, SIGTERM);
+    pclose(running);
 }
 
 } // namespace

@@ -6,6 +6,7 @@ dissector_test.py programs DISSECTOR COMPONENT WATCH   a session of the programs
 """
 
 import os
+import pathlib
 import random
 import re
 import resource
@@ -252,7 +253,16 @@ def programs(directory, component, watch):
                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     try:
         server.stdout.readline()
-        for capture, size, says in [("/dev/full", None, "No space left on device"),
+        # What somebody else may have put where a recording is to be written stays as it is.
+        theirs = pathlib.Path(directory, "theirs")
+        theirs.write_text("theirs")
+        os.symlink(theirs, directory + "/link")
+        traps = [(directory + "/link", None, "symbolic link")]
+        if os.geteuid() == 0:
+            pathlib.Path(directory, "foreign").write_text("theirs")
+            os.chown(directory + "/foreign", 12345, 12345)
+            traps.append((directory + "/foreign", None, "another user"))
+        for capture, size, says in [*traps, ("/dev/full", None, "No space left on device"),
                                     (captures[0], None, "another process records into it"),
                                     (directory + "/none/x", None, "No such file"),
                                     (directory, None, "Is a directory"),
@@ -261,6 +271,11 @@ def programs(directory, component, watch):
             assert said.count("\n") == 1 and capture in said and says in said, said
         assert f"it holds {len(fields(captures[1], 'frame.number'))} packets" in said, said
         assert consume(captures[1]) == ""
+        os.link(theirs, directory + "/hard")
+        said = consume(directory + "/hard")
+        assert "other names" in said and theirs.read_text() == "theirs", said
+        os.chmod(captures[1], 0o644)
+        assert consume(captures[1]) == "" and os.stat(captures[1]).st_mode & 0o777 == 0o600
     finally:
         server.kill() # and yet all of it is there
         server.wait()

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <poll.h>
 #include <string>
@@ -103,7 +104,13 @@ protected:
         if (child == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             PEGEIR_LinuxClose(); // what was inherited; must not disturb the parent
-            g_onMessage = [](void *) { Send(g_seen.back().from, g_seen.back().data); };
+            g_onMessage = [](void *) {
+                if (g_seen.back().data == "start over") {
+                    (void)PEGEIR_LinuxStartOver(g_seen.back().from);
+                } else {
+                    Send(g_seen.back().from, g_seen.back().data);
+                }
+            };
             if (!Open(directory, id).empty())
                 _exit(1);
             if (stopped)
@@ -235,6 +242,22 @@ TEST_F(Linux, WatchedPeerComesAndGoes) {
     EXPECT_EQ(PEGEIR_LinuxWatchPeer(2, nullptr, nullptr), 0);
     End(peer);
     EXPECT_EQ(Told(0), Lines{});
+}
+
+TEST_F(Linux, StartsOverWithAPeerWhenEitherSideAsks) {
+    ASSERT_EQ(Open(directory, 1), "");
+    ASSERT_EQ(PEGEIR_LinuxWatchPeer(2, OnPeer, nullptr), 0);
+    Start(2);
+    EXPECT_EQ(Told(1), Lines{"2 came"});
+    Send(2, "start over");
+    EXPECT_EQ(Told(2), (Lines{"2 went", "2 came"}));
+    EXPECT_TRUE(g_seen.empty()); // that was no message
+    // Something written into its lock file is no new run of it.
+    std::ofstream(directory + "/2.lock", std::ios::app) << "a line of somebody's log\n";
+    EXPECT_EQ(Told(0), Lines{});
+    std::filesystem::remove(directory + "/1.sock");
+    EXPECT_EQ(Told(2), (Lines{"2 went", "2 came"})); // who took its id again does not know what it missed
+    EXPECT_EQ(PEGEIR_LinuxStartOver(3), uint32_t{PEGEIR_LINUX_SEND_NO_PEER});
 }
 
 TEST_F(Linux, IdBelongsToOneLivingProcess) {

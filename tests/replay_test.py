@@ -22,6 +22,7 @@ PCAP = struct.Struct("=IHHiIII")
 RECORD = struct.Struct("=IIII")
 HEAD = struct.Struct(">3sBBBHIIIIIIIII")
 MESSAGE, PEER, IN, OUT = 3, 4, 1, 2
+RESULT = 10  # in a head
 
 
 class Packet:
@@ -100,9 +101,10 @@ def check_equal(consumer):
         assert part in text, part
     code, text, _ = replay(consumer, "--json", "--diagnose")
     objects = [json.loads(line) for line in text.splitlines()]
-    sent = [packet.data.hex() for packet in load(consumer) if packet.sent()]
+    # What a full queue refused then is refused again, and told as such.
+    sent = [packet.data.hex() for packet in load(consumer) if packet.sent() and packet.head[RESULT] == 0]
     played = [one["bytes"] for one in objects if one["event"] == "sent"]
-    assert code == 0 and played == sent, (code, len(played), len(sent), [pair for pair in zip(played, sent) if pair[0] != pair[1]][:2])
+    assert code == 0 and played == sent, (code, len(played), len(sent))
     assert objects[-1]["equal"] and objects[-1]["messages"] == len(sent)
     reports = "".join(one["text"] for one in objects if one["event"] == "diagnose")
     assert "FSM statistic" in reports and "FSM blackbox info" in reports

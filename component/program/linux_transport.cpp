@@ -30,7 +30,15 @@ SendResult LinuxTransport::Send(uint32_t consumer, ByteView bytes) {
     std::memcpy(message, bytes.data(), bytes.size());
     DMS_ZEP_MSG_SET_INTF(message, kInterface);
     DMS_ZEP_MSG_SET_SUB_INTF(message, kSubInterface);
-    switch (ZEP_SEND_MSG(consumer, kSendArg1, kSendArg2, message, length)) {
+    return ResultOf(ZEP_SEND_MSG(consumer, kSendArg1, kSendArg2, message, length), consumer);
+}
+
+SendResult LinuxTransport::StartOver(uint32_t consumer) {
+    return ResultOf(PEGEIR_LinuxStartOver(consumer), consumer);
+}
+
+SendResult LinuxTransport::ResultOf(uint32_t code, uint32_t consumer) const {
+    switch (code) {
     case 0:
         return SendResult::kSent;
     case PEGEIR_LINUX_SEND_FULL:

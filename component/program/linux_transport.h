@@ -14,9 +14,12 @@ public:
     LinuxTransport(uint32_t id, std::function<void(uint32_t consumer)> onWritable, ConsumerLog log);
 
     SendResult Send(uint32_t consumer, ByteView bytes) override;
+    SendResult StartOver(uint32_t consumer) override;
     bool WhenWritable(uint32_t consumer) override;
 
 private:
+    SendResult ResultOf(uint32_t code, uint32_t consumer) const;
+
     uint32_t id_;
     std::function<void(uint32_t)> onWritable_;
     ConsumerLog log_;

@@ -295,6 +295,7 @@ void Program::OnChangeTimer() {
 
 int main(int argc, char **argv) {
     using namespace pegeir::component;
+    PEGEIR_LinuxOpenStandardStreams(); /* before anything else takes their numbers */
     try {
         Options options;
         if (const std::optional<int> code = ReadOptions(argc, argv, options)) {

@@ -24,6 +24,7 @@ void Server::OnMessage(uint32_t consumer, ByteView bytes) {
         if (message->type != MsgType::kRegister || message->ack) {
             Drop(consumer, Text("type ", static_cast<unsigned>(message->type),
                                 " from a consumer that has not registered"));
+            TurnAway(consumer);
             return;
         }
         session = sessions_.emplace(consumer, std::make_unique<Session>(consumer, context_)).first;
@@ -42,7 +43,10 @@ void Server::OnWritable(uint32_t consumer) {
 }
 
 void Server::OnTick() {
-    drops_.OnTick(context_.clock());
+    const uint64_t now = context_.clock();
+    drops_.OnTick(now);
+    std::erase_if(turnedAwayMs_,
+                  [&](const auto &entry) { return now >= entry.second + context_.limits.startOverMs; });
     for (const auto &[consumer, session] : sessions_) {
         session->OnTick();
     }
@@ -59,6 +63,13 @@ void Server::OnChange(const RecordId &id) {
 void Server::Drop(uint32_t consumer, const std::string &why) {
     ++dropped_;
     drops_.Add(context_.clock(), consumer, "message dropped: " + why);
+}
+
+/* It believes that it is registered, so it would never do so by itself. */
+void Server::TurnAway(uint32_t consumer) {
+    if (turnedAwayMs_.emplace(consumer, context_.clock()).second) {
+        (void)context_.transport.StartOver(consumer); /* if not now, then with a later message */
+    }
 }
 
 void Server::RemoveForgotten() {

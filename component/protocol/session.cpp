@@ -344,12 +344,35 @@ void Session::OnChange(const RecordId &id) {
     }
     changes_.push_back(id);
     if (changes_.size() > context_.limits.waitingChanges) {
-        forgotten_ = true;
         Report(Severity::kError, Text("takes no updates, ", changes_.size(),
-                                      " changes wait: forgotten, it has to register again"));
+                                      " changes waited: dropped, it has to register and download anew"));
+        AbandonDownload();
+        ForgetChanges();
+        phase_ = Phase::kOverrun;
+        startOverDueMs_ = context_.clock();
         return;
     }
     Progress();
+}
+
+/* What was dropped cannot be told in updates any more.  Who does not take messages is asked later. */
+void Session::AskToStartOver() {
+    const uint64_t now = context_.clock();
+    if (now < startOverDueMs_) {
+        return;
+    }
+    startOverDueMs_ = now + context_.limits.startOverMs;
+    switch (context_.transport.StartOver(consumer_)) {
+    case SendResult::kSent:
+        break;
+    case SendResult::kFull:
+        startOverDueMs_ = now;
+        AskWritable();
+        break;
+    case SendResult::kGone:
+        NoteGone();
+        break;
+    }
 }
 
 void Session::ForgetChanges() {
@@ -439,6 +462,9 @@ void Session::Progress() {
                 return;
             }
             SendNextData();
+        } else if (phase_ == Phase::kOverrun) {
+            AskToStartOver();
+            return;
         } else if (phase_ != Phase::kReady || awaited_ || !SendUpdate()) {
             return;
         }
@@ -452,9 +478,11 @@ void Session::OnTick() {
         nextProbeMs_ = now + context_.limits.probeMs;
         AskWritable();
     }
-    if (goneSinceMs_ && now - *goneSinceMs_ >= context_.limits.goneMs) {
+    /* Read again: the consumer may have been noted as gone only now. */
+    const uint64_t goneMs = goneSinceMs_ ? context_.clock() - *goneSinceMs_ : 0;
+    if (goneMs >= context_.limits.goneMs) {
         forgotten_ = true;
-        Report(Severity::kInfo, Text("is gone for ", (now - *goneSinceMs_) / 1000, " seconds: forgotten"));
+        Report(Severity::kInfo, Text("is gone for ", goneMs / 1000, " seconds: forgotten"));
         return;
     }
     if (queue_.empty() && awaited_ && now >= awaited_->dueMs) {

@@ -5,6 +5,7 @@
  *     kDownloadData --all sent--> kDownloadEnd --ack 25--> kReady
  *     kReady --21--> kVerifyUpload --22--> kDownloadBegin (27, 24, 28) ... --> kReady
  *     any --16--> kRegistered, any --29--> kDownloadBegin (23)
+ *     any that notes changes --too many--> kOverrun, until the consumer has started over
  *
  * Invariants
  *  1. awaited_ is the one message that is repeated until its acknowledgement comes: the begin or the end
@@ -44,7 +45,8 @@ private:
         kDownloadData,
         kDownloadEnd,
         kReady,
-        kVerifyUpload
+        kVerifyUpload,
+        kOverrun
     };
 
     /* A message under way, and when it is sent again. */
@@ -104,6 +106,7 @@ private:
     [[nodiscard]] bool Flush();
     void AskWritable();
     void NoteGone();
+    void AskToStartOver();
     void Progress();
     void Report(Severity severity, const std::string &text) const { context_.log(severity, consumer_, text); }
 
@@ -131,6 +134,7 @@ private:
     size_t queuedBytes_ = 0;
     bool ackLossReported_ = false;
     uint64_t nextProbeMs_ = 0;
+    uint64_t startOverDueMs_ = 0;
     std::optional<uint64_t> goneSinceMs_;
     bool forgotten_ = false;
 };

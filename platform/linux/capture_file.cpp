@@ -106,11 +106,20 @@ bool CaptureFile::Open(const std::string &name, std::string &error) {
     if (pcap == nullptr)
         return false;
     /* Without waiting, which a pipe would make us do. */
-    const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
+    const int fd =
+        open(name.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
+    if (fd < 0 && errno == ELOOP)
+        return refuse("it is a symbolic link; name the file itself");
     std::unique_ptr<FILE, CloseStream> stream(fd >= 0 ? fdopen(fd, "w") : nullptr);
     struct stat status {};
     if (!stream || fstat(fd, &status) != 0)
         return refuse(std::string(std::strerror(errno)) + "; name a file that can be written");
+    /* In a folder that others can write, they may have put there what is to be overwritten. */
+    if (S_ISREG(status.st_mode) && (status.st_uid != geteuid() || status.st_nlink != 1))
+        return refuse(status.st_nlink != 1 ? "the file has other names as well; remove it or name another"
+                                           : "it belongs to another user; name another");
+    if (S_ISREG(status.st_mode) && fchmod(fd, 0600) != 0)
+        return refuse(std::strerror(errno));
     if (!S_ISREG(status.st_mode) && !S_ISCHR(status.st_mode))
         return refuse("it is no file; name one");
     if (flock(fd, LOCK_EX | LOCK_NB) != 0)

@@ -9,9 +9,11 @@
  */
 #include "linux_platform.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -20,6 +22,8 @@ namespace {
 
 /* The longest name made in the directory: "/", two ids, "." between them and ".sock". */
 constexpr size_t kMaxFileName = 1 + 10 + 1 + 10 + 5;
+/* Bytes of a lock file that count: its first line. */
+constexpr size_t kMaxMark = 64;
 constexpr size_t kMaxDirectory = sizeof(sockaddr_un::sun_path) - 1 - kMaxFileName;
 
 struct flock WholeFile() {
@@ -107,9 +111,11 @@ std::optional<Presence> LookForPeer(const std::string &directory, uint32_t id) {
     if (!file.Valid() || fstat(file.Get(), &status) != 0 || status.st_size == 0)
         return std::nullopt;
     const std::optional<pid_t> holder = Holder(file.Get());
-    if (!holder)
+    std::array<char, kMaxMark> mark{};
+    const ssize_t length = pread(file.Get(), mark.data(), mark.size(), 0);
+    if (!holder || length <= 0)
         return std::nullopt;
-    return Presence{*holder, status.st_ino, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+    return Presence{*holder, status.st_ino, std::string(mark.data(), static_cast<size_t>(length))};
 }
 
 bool Identity::Take(const std::string &directory, uint32_t id, std::string &error) {
@@ -162,7 +168,11 @@ bool Identity::Bind(std::string &error) {
         return false;
     }
     socketInode_ = InodeOf(socketPath_);
-    const std::string text = std::to_string(owner_) + "\n";
+    uint64_t run = 0;
+    (void)!getrandom(&run, sizeof run, GRND_NONBLOCK);
+    std::string text = std::to_string(owner_) + " " + std::to_string(run) + " ";
+    text.resize(kMaxMark - 1, '.'); /* whatever else is written into the file comes behind what counts */
+    text += '\n';
     if (ftruncate(lock_.Get(), 0) != 0 ||
         pwrite(lock_.Get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
         error = ErrnoText("cannot write " + lockPath_);

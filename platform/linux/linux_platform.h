@@ -106,8 +106,7 @@ uint64_t ReadTimer(int fd);
 struct Presence {
     pid_t holder; /* 0 when the kernel does not tell */
     ino_t inode;
-    time_t seconds;
-    long nanoseconds;
+    std::string mark; /* what it wrote into its lock file: chosen anew for each run */
     bool operator==(const Presence &) const = default;
 };
 
@@ -213,6 +212,10 @@ public:
     int Watch(uint32_t peer, PEGEIR_LinuxPeerFunc onPeer, void *context);
     int WhenWritable(uint32_t peer, PEGEIR_LinuxWritableFunc onWritable, void *context);
 
+    /* Tells who watches that peer, or any, that it has gone and come, if it is there. */
+    void StartOver(uint32_t id);
+    void StartOverAll();
+
     /* Looks after every peer. */
     void LookAtAll();
     [[nodiscard]] bool Watching() const;
@@ -227,6 +230,7 @@ private:
         std::optional<Presence> presence; /* as reported last */
         Fd process;
     };
+    [[nodiscard]] std::vector<uint32_t> Ids() const;
     void Look(uint32_t id);
     void Tell(uint32_t id, std::optional<Presence> presence);
     void WatchProcess(uint32_t id, Peer &peer);

@@ -13,7 +13,8 @@
  *
  * Neither sender nor receiver stands in the packet: the sender is who could bind the name that the
  * datagram came from.  receiverIid is never that of the timer service, whose messages no other process
- * may forge.
+ * may forge.  A packet with receiverIid 4294967295 is for the runtime of the receiver: whoever watches its
+ * sender is told that it has gone and come.
  */
 #include "packet.h"
 

@@ -22,6 +22,9 @@ inline constexpr size_t kMaxPacketSize = kPacketHeadSize + kMaxDataSize;
 /* Receiver instance of the timer service. */
 inline constexpr uint32_t kTimerServiceIid = 3;
 
+/* Receiver instance of the runtime itself: a packet for it has no data and says "start over". */
+inline constexpr uint32_t kStartOverIid = 0xFFFFFFFF;
+
 struct PacketHead {
     uint32_t intf;
     uint32_t subIntf;

@@ -85,11 +85,16 @@ bool Peers::Watching() const {
     return false;
 }
 
-void Peers::LookAtAll() {
+/* A callback may change peers_, so whoever calls one goes by these. */
+std::vector<uint32_t> Peers::Ids() const {
     std::vector<uint32_t> ids;
     for (const auto &[id, peer] : peers_)
         ids.push_back(id);
-    for (const uint32_t id : ids)
+    return ids;
+}
+
+void Peers::LookAtAll() {
+    for (const uint32_t id : Ids())
         Look(id);
 }
 
@@ -99,7 +104,7 @@ void Peers::Look(uint32_t id) {
         return;
     Peer &peer = found->second;
     const auto presence =
-        id == runtime_.config.pid ? Presence{getpid(), 0, 0, 0} : LookForPeer(runtime_.directory, id);
+        id == runtime_.config.pid ? Presence{getpid(), 0, ""} : LookForPeer(runtime_.directory, id);
     if (!presence)
         peer.link.Reset();
     if (peer.onPeer == nullptr) {
@@ -133,6 +138,17 @@ void Peers::Tell(uint32_t id, std::optional<Presence> presence) {
     const auto found = peers_.find(id);
     if (presence && found != peers_.end() && found->second.presence == presence)
         tell(true);
+}
+
+void Peers::StartOver(uint32_t id) {
+    const auto found = peers_.find(id);
+    if (found != peers_.end() && found->second.onPeer != nullptr && found->second.presence)
+        Tell(id, found->second.presence);
+}
+
+void Peers::StartOverAll() {
+    for (const uint32_t id : Ids())
+        StartOver(id);
 }
 
 /* Without a descriptor of the process, for whatever reason, the housekeeping notices its end. */

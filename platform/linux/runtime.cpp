@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -99,6 +100,7 @@ void Runtime::Recover() {
         lost_ = false;
         Report("runtime directory " + directory + ": was cleared; id " + std::to_string(config.pid) +
                " is there again");
+        peers.StartOverAll();
     } else if (!lost_) {
         lost_ = true;
         Report(error + "; nobody reaches id " + std::to_string(config.pid) + " until then");
@@ -133,8 +135,17 @@ const char *PEGEIR_LinuxDirectory(void) {
     return directory.c_str();
 }
 
+void PEGEIR_LinuxOpenStandardStreams(void) {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
+        /* The lowest free number is the one that is closed, since those below it are open by now. */
+        if (fcntl(fd, F_GETFD) < 0 && errno == EBADF)
+            (void)!open("/dev/null", O_RDWR);
+    }
+}
+
 int PEGEIR_LinuxOpen(const PEGEIR_LinuxConfig *config, char *error, size_t errorSize) {
     std::string text;
+    PEGEIR_LinuxOpenStandardStreams();
     if (g_runtime) {
         text = "the runtime is open already; close it first";
     } else if (config == nullptr || config->pid == 0 || config->onMessage == nullptr) {
@@ -190,6 +201,12 @@ void PEGEIR_LinuxStop(void) {
 int PEGEIR_LinuxWatchPeer(uint32_t peer, PEGEIR_LinuxPeerFunc onPeer, void *context) {
     const auto runtime = OpenRuntime();
     return runtime ? runtime->peers.Watch(peer, onPeer, context) : -1;
+}
+
+uint32_t PEGEIR_LinuxStartOver(uint32_t peer) {
+    const auto runtime = OpenRuntime();
+    const Envelope envelope{0, peer, {0, 0, kStartOverIid}, 0};
+    return runtime ? runtime->peers.Send(peer, envelope, nullptr, 0) : uint32_t{PEGEIR_LINUX_SEND_FAILED};
 }
 
 int PEGEIR_LinuxWhenWritable(uint32_t peer, PEGEIR_LinuxWritableFunc onWritable, void *context) {

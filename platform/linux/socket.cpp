@@ -93,6 +93,10 @@ bool Inbox::ReceiveOne() {
         fault = "it comes from no socket of a pegeir process";
     else
         fault = DecodePacket(std::span(buffer_).first(static_cast<size_t>(got)), packet);
+    if (fault == nullptr && packet.head.receiverIid == kStartOverIid) {
+        runtime_.peers.StartOver(*sender);
+        return true;
+    }
     uint8_t *const data =
         fault == nullptr ? NewMessage(*sender, runtime_.config.pid, packet.data.size()) : nullptr;
     if (data == nullptr) {

@@ -87,6 +87,7 @@ int Watch(const Options &options) {
 } // namespace pegeir::watch
 
 int main(int argc, char **argv) {
+    PEGEIR_LinuxOpenStandardStreams();   // before anything else takes their numbers
     (void)std::signal(SIGPIPE, SIG_IGN); // a closed pipe is an error of the write, and ends us in order
     const auto options = pegeir::watch::ParseOptions(argc, argv);
     if (const int *const code = std::get_if<int>(&options)) {

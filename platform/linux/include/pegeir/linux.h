@@ -49,6 +49,13 @@ PEGEIR_PLATFORM_API const char *PEGEIR_LinuxDirectory(void);
  */
 PEGEIR_PLATFORM_API int PEGEIR_LinuxOpen(const PEGEIR_LinuxConfig *config, char *error, size_t errorSize);
 
+/*
+ * Opens descriptors 0 to 2 on /dev/null where they are closed, so that no file or socket gets their numbers and
+ * with them what others write to standard output and error.  Opening the runtime does it; a program that opens
+ * something else before, or writes a log, calls this first of all.
+ */
+PEGEIR_PLATFORM_API void PEGEIR_LinuxOpenStandardStreams(void);
+
 /* Closes the runtime, removes the socket, deletes all timers: release library instances before, or they
  * cannot find theirs.  May be called from any callback; harmless when it is not open. */
 PEGEIR_PLATFORM_API void PEGEIR_LinuxClose(void);
@@ -80,9 +87,18 @@ typedef void (*PEGEIR_LinuxPeerFunc)(void *context, uint32_t peer, int available
  * Watches whether the process with id peer is there, however it ends.  onPeer is called from the event
  * loop: soon after the call with available 1 if it is there, then on every change.  A peer that was
  * replaced between two looks is reported gone and come.  A later call for the same peer takes the place
- * of an earlier one; a null onPeer ends the watch.  Returns 0, or -1 with errno.
+ * of an earlier one; a null onPeer ends the watch.  So is one that asks this process to start over, and each
+ * one after the directory was cleared and this process has taken its id again: neither side knows then what
+ * it has missed.  Returns 0, or -1 with errno.
  */
 PEGEIR_PLATFORM_API int PEGEIR_LinuxWatchPeer(uint32_t peer, PEGEIR_LinuxPeerFunc onPeer, void *context);
+
+/*
+ * Tells a peer to start over with this process: if it watches us, it is told that we have gone and come, and
+ * its library registers and downloads anew.  For a component that has lost track of one consumer, and has
+ * nothing to tell the others.  Returns 0 or a PEGEIR_LINUX_SEND_ code.
+ */
+PEGEIR_PLATFORM_API uint32_t PEGEIR_LinuxStartOver(uint32_t peer);
 
 /* Called once when a peer whose receive queue was full can take a message again, or is gone. */
 typedef void (*PEGEIR_LinuxWritableFunc)(void *context, uint32_t peer);
