@@ -14,6 +14,7 @@
 #include <arpa/inet.h>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -537,6 +538,7 @@ TEST(Program, StartsStopsAndSaysWhyItCannot) {
         return WEXITSTATUS(std::system(Text(program, options, " >/dev/null 2>&1").c_str()));
     };
     EXPECT_EQ(exitCode("--synthetic-size 20"), 2);
+    EXPECT_NE(std::system(Text(program, "--no-kernel >/dev/full 2>&1").c_str()), 0);
     FILE *running = popen(Text("echo $$; exec ", program, "--no-kernel --synthetic 3").c_str(), "r");
     pid_t pid = 0;
     char line[256] = {};
@@ -557,6 +559,42 @@ TEST(Program, StartsStopsAndSaysWhyItCannot) {
     }
     kill(pid, SIGTERM);
     pclose(running);
+}
+
+TEST(Program, GoesOnWhenNobodyReadsItsLog) {
+    const TempDirectory temp;
+    int log[2] = {};
+    ASSERT_EQ(pipe2(log, O_NONBLOCK), 0);
+    while (write(log[1], "full", 4) > 0 || write(log[1], "!", 1) > 0) {
+    }
+    fcntl(log[1], F_SETFL, 0); /* as the program gets it */
+    FILE *running = popen(Text("echo $$; exec " COMPONENT_PROGRAM " --no-kernel --synthetic 3 --directory ",
+                               temp.name, " 2>&", log[1])
+                              .c_str(),
+                          "r");
+    close(log[1]);
+    pid_t pid = 0;
+    char line[256] = {};
+    ASSERT_EQ(std::fscanf(running, "%d %255[^\n]", &pid, line), 2);
+    for (int i = 0; i < 2; ++i) { /* which it says that it does */
+        kill(pid, SIGHUP);
+        usleep(300'000);
+    }
+    std::string read;
+    const auto readAll = [&] {
+        char bytes[4096];
+        for (ssize_t count = 0; (count = ::read(log[0], bytes, sizeof bytes)) > 0;) {
+            read.append(bytes, static_cast<size_t>(count));
+        }
+    };
+    readAll();
+    EXPECT_EQ(read.find_first_not_of("ful!"), std::string::npos);
+    kill(pid, SIGTERM);
+    EXPECT_EQ(pclose(running), 0);
+    readAll();
+    EXPECT_NE(read.find("warning: 2 lines of this log could not be written\n"), std::string::npos);
+    EXPECT_NE(read.find("info: stopped"), std::string::npos);
+    close(log[0]);
 }
 
 } // namespace

@@ -270,6 +270,32 @@ TEST_F(Linux, IdBelongsToOneLivingProcess) {
     EXPECT_TRUE(std::filesystem::is_empty(directory));
 }
 
+TEST_F(Linux, EndsWhenAnotherProcessHasTakenItsId) {
+    ASSERT_EQ(Open(directory, 1), "");
+    std::filesystem::remove(directory + "/1.lock");
+    Start(1, true);
+    int result = 0;
+    const auto end = std::chrono::steady_clock::now() + 5s;
+    while (result == 0 && std::chrono::steady_clock::now() < end)
+        result = PEGEIR_LinuxDispatch(100);
+    EXPECT_TRUE(result == -1 && errno == EADDRINUSE);
+    ASSERT_EQ(g_reports.size(), 1U);
+    EXPECT_NE(g_reports[0].find("id 1 is in use by process"), std::string::npos);
+    EXPECT_EQ(PEGEIR_LinuxRun(), -1);
+}
+
+TEST_F(Linux, LooksForItsDirectoryWhereNobodyElseCanBeFirst) {
+    unsetenv("PEGEIR_RUNTIME_DIR");
+    unsetenv("XDG_RUNTIME_DIR");
+    const std::string id = std::to_string(geteuid());
+    const std::string parent = geteuid() == 0 ? "/run" : "/run/user/" + id;
+    const bool isThere = std::filesystem::is_directory(parent);
+    EXPECT_EQ(PEGEIR_LinuxDirectory(), isThere ? parent + "/pegeir" : "/tmp/pegeir-" + id);
+    setenv("XDG_RUNTIME_DIR", "/x", 1);
+    EXPECT_STREQ(PEGEIR_LinuxDirectory(), "/x/pegeir");
+    unsetenv("XDG_RUNTIME_DIR");
+}
+
 TEST_F(Linux, RefusesDirectoriesThatAreNotOursAlone) {
     for (const char *name : {"/real", "/open", "/other"})
         std::filesystem::create_directories(base + name);
@@ -278,6 +304,7 @@ TEST_F(Linux, RefusesDirectoriesThatAreNotOursAlone) {
     std::vector<std::pair<std::string, std::string>> cases = {
         {"/link", "symbolic link"},
         {"/link/", "symbolic link"},
+        {"/link/.", "symbolic link"},
         {"/open", "run: chmod 700"},
         {"/" + std::string(90, 'x'), "choose a shorter one"}};
     if (chown((base + "/other").c_str(), 65534, 65534) == 0)

@@ -8,9 +8,11 @@
 #include "sources/ra_source.h"
 #include "sources/synthetic_source.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -18,6 +20,7 @@
 #include <exception>
 #include <memory>
 #include <pegeir/linux.h>
+#include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -36,17 +39,50 @@ uint64_t NowMs() {
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-/* One line on standard error: time, severity, text. */
+/*
+ * The log: lines on standard error.  Whoever reads them may have stopped, and must not stop us by that: what
+ * cannot be written now is counted, and the count goes out before the next line that can be.
+ */
+class LogWriter {
+public:
+    void Write(Severity severity, const std::string &text) {
+        static constexpr std::array<const char *, 4> kNames = {"error", "warning", "info", "detail"};
+        const std::string name = kNames.at(static_cast<size_t>(severity));
+        if (lost_ != 0 && Put(Text("warning: ", lost_, " lines of this log could not be written"))) {
+            lost_ = 0;
+        }
+        if (lost_ != 0 || !Put(name + ": " + text)) {
+            ++lost_;
+        }
+    }
+
+private:
+    /* A pipe that polls writable takes this much in one piece; a longer line is cut. */
+    static constexpr size_t kLongest = PIPE_BUF;
+
+    [[nodiscard]] static bool Put(const std::string &text) {
+        timespec now = {};
+        clock_gettime(CLOCK_REALTIME, &now);
+        tm local = {};
+        localtime_r(&now.tv_sec, &local);
+        std::array<char, 32> time = {};
+        (void)std::strftime(time.data(), time.size(), "%Y-%m-%d %H:%M:%S", &local);
+        std::array<char, 8> fraction = {};
+        (void)std::snprintf(fraction.data(), fraction.size(), ".%03ld ", now.tv_nsec / 1'000'000 % 1000);
+        std::string line = std::string(time.data()) + fraction.data() + text;
+        line.resize(std::min(line.size(), kLongest - 1));
+        line += '\n';
+        pollfd output = {STDERR_FILENO, POLLOUT, 0};
+        return poll(&output, 1, 0) == 1 && (output.revents & POLLOUT) != 0 &&
+               write(STDERR_FILENO, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+    }
+
+    uint64_t lost_ = 0;
+};
+
 void WriteLog(Severity severity, const std::string &text) {
-    static constexpr std::array<const char *, 4> kNames = {"error", "warning", "info", "detail"};
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm local = {};
-    localtime_r(&now.tv_sec, &local);
-    std::array<char, 32> time = {};
-    (void)std::strftime(time.data(), time.size(), "%Y-%m-%d %H:%M:%S", &local);
-    (void)std::fprintf(stderr, "%s.%03ld %s: %s\n", time.data(), now.tv_nsec / 1'000'000,
-                       kNames.at(static_cast<size_t>(severity)), text.c_str());
+    static LogWriter writer;
+    writer.Write(severity, text);
 }
 
 /* A readable descriptor that counts what has happened: a timer or a signal. */
@@ -157,9 +193,13 @@ int Program::Run() {
     if (!Start()) {
         return kExitNotStarted;
     }
-    (void)std::printf("ready id=%u directory=%s\n", options_.id,
-                      options_.directory.empty() ? PEGEIR_LinuxDirectory() : options_.directory.c_str());
-    (void)std::fflush(stdout);
+    if (std::printf("ready id=%u directory=%s\n", options_.id,
+                    options_.directory.empty() ? PEGEIR_LinuxDirectory() : options_.directory.c_str()) < 0 ||
+        std::fflush(stdout) != 0) {
+        Say(Severity::kError, Text("cannot say on standard output that it is ready: ", std::strerror(errno),
+                                   "; whoever waits for that would wait for ever"));
+        return kExitFailed;
+    }
     if (PEGEIR_LinuxRun() != 0) {
         Say(Severity::kError, Text("the event loop failed: ", std::strerror(errno)));
         return kExitFailed;
@@ -295,7 +335,8 @@ void Program::OnChangeTimer() {
 
 int main(int argc, char **argv) {
     using namespace pegeir::component;
-    PEGEIR_LinuxOpenStandardStreams(); /* before anything else takes their numbers */
+    PEGEIR_LinuxOpenStandardStreams();   /* before anything else takes their numbers */
+    (void)std::signal(SIGPIPE, SIG_IGN); /* a log whose reader has gone must not end us */
     try {
         Options options;
         if (const std::optional<int> code = ReadOptions(argc, argv, options)) {

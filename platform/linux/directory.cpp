@@ -74,16 +74,20 @@ std::string DirectoryFault(const std::string &path) {
 
 bool PrepareDirectory(const std::string &wanted, std::string &resolved, std::string &error) {
     std::string path = wanted;
-    while (path.size() > 1 && path.back() == '/')
-        path.pop_back(); /* a slash at the end would look through a symbolic link */
+    while (path.size() > 1 && (path.back() == '/' || path.ends_with("/.")))
+        path.pop_back(); /* these would look through a symbolic link */
     error = "runtime directory " + path + ": ";
-    if (mkdir(path.c_str(), 0700) == 0) {
-        chmod(path.c_str(), 0700); /* whatever the umask took away */
-    } else if (errno != EEXIST) {
+    const bool made = mkdir(path.c_str(), 0700) == 0;
+    if (!made && errno != EEXIST) {
         error += ErrnoText("cannot make it") +
                  (errno == ENOENT ? "; make the directory above it first" : "; choose another");
         return false;
     }
+    const Fd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status {};
+    /* Whatever the umask took away is given back to what was opened, and to nothing that has its name now. */
+    if (made && directory.Valid() && fstat(directory.Get(), &status) == 0 && status.st_uid == geteuid())
+        (void)!fchmod(directory.Get(), 0700);
     if (const std::string fault = DirectoryFault(path); !fault.empty()) {
         error += fault;
         return false;
@@ -122,6 +126,7 @@ bool Identity::Take(const std::string &directory, uint32_t id, std::string &erro
     lockPath_ = LockPath(directory, id);
     socketPath_ = ListenPath(directory, id);
     owner_ = getpid();
+    inUse_ = false;
     if (Lock(id, error) && Bind(error))
         return true;
     Release();
@@ -146,6 +151,7 @@ bool Identity::Lock(uint32_t id, std::string &error) {
             lock_ = Fd();
             if (!holder)
                 continue;
+            inUse_ = true;
             error = "id " + std::to_string(id) + " is in use by process " + std::to_string(*holder) + " (" +
                     lockPath_ + "); end that process or choose another id";
             return false;

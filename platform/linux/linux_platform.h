@@ -75,6 +75,9 @@ public:
     void Remove(int fd);
     void RemoveAll() { sources_.clear(); }
 
+    /* Has this and every later dispatch answer with this errno. */
+    void Fail(int error) { failed_ = error; }
+
     /* As PEGEIR_LinuxDispatch. */
     int Dispatch(int timeoutMs);
 
@@ -88,6 +91,7 @@ private:
     Fd epoll_;
     std::map<int, std::shared_ptr<Source>> sources_;
     uint32_t generation_ = 0;
+    int failed_ = 0;
 };
 
 /* Returns a periodic timer descriptor, or an invalid one with errno.  first 0 means one period. */
@@ -132,6 +136,9 @@ public:
 
     [[nodiscard]] int Socket() const { return socket_.Get(); }
 
+    /* Whether the last Take failed because another process has the id. */
+    [[nodiscard]] bool InUse() const { return inUse_; }
+
 private:
     [[nodiscard]] bool Lock(uint32_t id, std::string &error);
     [[nodiscard]] bool Bind(std::string &error);
@@ -142,6 +149,7 @@ private:
     Fd socket_;
     ino_t lockInode_ = 0;
     ino_t socketInode_ = 0;
+    bool inUse_ = false;
     pid_t owner_ = 0; /* a forked child must not remove its parent's files */
 };
 

@@ -43,6 +43,10 @@ void Loop::Remove(int fd) {
 }
 
 int Loop::Dispatch(int timeoutMs) {
+    if (failed_ != 0) {
+        errno = failed_;
+        return -1;
+    }
     std::array<epoll_event, 32> events{};
     const int count = epoll_wait(epoll_.Get(), events.data(), static_cast<int>(events.size()), timeoutMs);
     if (count < 0)
@@ -55,7 +59,8 @@ int Loop::Dispatch(int timeoutMs) {
         const std::shared_ptr<Source> source = found->second;
         source->handler();
     }
-    return 0;
+    errno = failed_;
+    return failed_ == 0 ? 0 : -1;
 }
 
 Fd MakeTimer(std::chrono::milliseconds period, std::chrono::nanoseconds first) {

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace pegeir::linux_platform {
@@ -101,6 +102,10 @@ void Runtime::Recover() {
         Report("runtime directory " + directory + ": was cleared; id " + std::to_string(config.pid) +
                " is there again");
         peers.StartOverAll();
+    } else if (identity.InUse()) {
+        /* Our lock file was removed, and somebody else has taken the id: two of them cannot be. */
+        Report(error + "; this one, which had the id before, ends");
+        loop.Fail(EADDRINUSE);
     } else if (!lost_) {
         lost_ = true;
         Report(error + "; nobody reaches id " + std::to_string(config.pid) + " until then");
@@ -122,6 +127,20 @@ std::shared_ptr<Runtime> OpenRuntime() {
 
 } // namespace
 
+namespace {
+
+/* Where nobody else can be before us, if the system has such a place. */
+std::string OwnFolder() {
+    const std::string id = std::to_string(geteuid());
+    const std::string parent = geteuid() == 0 ? "/run" : "/run/user/" + id;
+    struct stat status {};
+    const bool isOurs = lstat(parent.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+                        status.st_uid == geteuid() && (status.st_mode & 022) == 0;
+    return isOurs ? parent + "/pegeir" : "/tmp/pegeir-" + id;
+}
+
+} // namespace
+
 const char *PEGEIR_LinuxDirectory(void) {
     static std::string directory;
     const char *const own = std::getenv("PEGEIR_RUNTIME_DIR");
@@ -131,7 +150,7 @@ const char *PEGEIR_LinuxDirectory(void) {
     else if (user != nullptr && *user != '\0')
         directory = std::string(user) + "/pegeir";
     else
-        directory = "/tmp/pegeir-" + std::to_string(geteuid());
+        directory = OwnFolder();
     return directory.c_str();
 }
 

@@ -37,7 +37,8 @@ typedef struct PEGEIR_LinuxConfig {
 } PEGEIR_LinuxConfig;
 
 /* Returns the runtime directory that holds when none is given: $PEGEIR_RUNTIME_DIR, else
- * $XDG_RUNTIME_DIR/pegeir, else /tmp/pegeir-<uid>.  The text is valid until the next call. */
+ * $XDG_RUNTIME_DIR/pegeir, else pegeir in /run/user/<uid>, for root in /run, and if there is no such folder
+ * /tmp/pegeir-<uid>, which anybody may have made before.  The text is valid until the next call. */
 PEGEIR_PLATFORM_API const char *PEGEIR_LinuxDirectory(void);
 
 /*
@@ -72,7 +73,8 @@ PEGEIR_PLATFORM_API void PEGEIR_LinuxCapture(const char *file);
 PEGEIR_PLATFORM_API int PEGEIR_LinuxFd(void);
 
 /* Waits up to timeoutMs milliseconds (0: not at all, -1: for ever) and handles what is there, a bounded
- * amount at a time.  Returns 0, or -1 with errno when waiting failed; a signal is no failure. */
+ * amount at a time.  Returns 0, or -1 with errno when waiting failed; a signal is no failure.  EADDRINUSE says
+ * that the directory was cleared and another process has taken our id since: the runtime has to be closed. */
 PEGEIR_PLATFORM_API int PEGEIR_LinuxDispatch(int timeoutMs);
 
 /* Dispatches until PEGEIR_LinuxStop, which may be called from any callback and before the run, or until
