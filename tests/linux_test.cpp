@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <string>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -242,6 +243,23 @@ TEST_F(Linux, WatchedPeerComesAndGoes) {
     EXPECT_EQ(PEGEIR_LinuxWatchPeer(2, nullptr, nullptr), 0);
     End(peer);
     EXPECT_EQ(Told(0), Lines{});
+}
+
+TEST_F(Linux, TakesNobodyForGoneForWantOfADescriptor) {
+    ASSERT_EQ(Open(directory, 1), "");
+    ASSERT_EQ(PEGEIR_LinuxWatchPeer(2, OnPeer, nullptr), 0);
+    const pid_t peer = Start(2);
+    EXPECT_EQ(Told(1), Lines{"2 came"});
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{3, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_EQ(Told(0), Lines{});
+    EXPECT_EQ(Send(2, "no socket to send it from"), uint32_t{PEGEIR_LINUX_SEND_FAILED});
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(Told(0), Lines{});
+    End(peer);
+    EXPECT_EQ(Told(1), Lines{"2 went"});
 }
 
 TEST_F(Linux, StartsOverWithAPeerWhenEitherSideAsks) {

@@ -16,10 +16,17 @@ constexpr uint32_t kSendArg1 = 6;
 constexpr uint32_t kSendArg2 = 932;
 constexpr const char *kSourceName = "nd_component";
 
+/* Whether a call failed for want of something that passes, and says nothing of the consumer. */
+bool IsShortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+}
+
 } // namespace
 
-LinuxTransport::LinuxTransport(uint32_t id, std::function<void(uint32_t)> onWritable, ConsumerLog log)
-    : id_(id), onWritable_(std::move(onWritable)), log_(std::move(log)) {}
+LinuxTransport::LinuxTransport(uint32_t id, std::function<void(uint32_t)> onWritable, Clock clock,
+                               ConsumerLog log)
+    : id_(id), onWritable_(std::move(onWritable)), clock_(std::move(clock)), log_(std::move(log)),
+      failures_(log_) {}
 
 SendResult LinuxTransport::Send(uint32_t consumer, ByteView bytes) {
     const auto length = static_cast<uint32_t>(bytes.size());
@@ -37,7 +44,7 @@ SendResult LinuxTransport::StartOver(uint32_t consumer) {
     return ResultOf(PEGEIR_LinuxStartOver(consumer), consumer);
 }
 
-SendResult LinuxTransport::ResultOf(uint32_t code, uint32_t consumer) const {
+SendResult LinuxTransport::ResultOf(uint32_t code, uint32_t consumer) {
     switch (code) {
     case 0:
         return SendResult::kSent;
@@ -46,18 +53,18 @@ SendResult LinuxTransport::ResultOf(uint32_t code, uint32_t consumer) const {
     case PEGEIR_LINUX_SEND_NO_PEER:
         return SendResult::kGone;
     default:
-        log_(Severity::kWarning, consumer, Text("cannot be sent to: ", std::strerror(errno)));
-        return SendResult::kGone;
+        const int error = errno;
+        failures_.Add(clock_(), consumer, Text("cannot be sent to: ", std::strerror(error)));
+        return IsShortage(error) ? SendResult::kFull : SendResult::kGone;
     }
 }
 
 bool LinuxTransport::WhenWritable(uint32_t consumer) {
-    return PEGEIR_LinuxWhenWritable(
-               consumer,
-               [](void *context, uint32_t peer) {
-                   static_cast<LinuxTransport *>(context)->onWritable_(peer);
-               },
-               this) == 0;
+    const int result = PEGEIR_LinuxWhenWritable(
+        consumer,
+        [](void *context, uint32_t peer) { static_cast<LinuxTransport *>(context)->onWritable_(peer); },
+        this);
+    return result == 0 || IsShortage(errno); /* the next tick tries again */
 }
 
 } // namespace pegeir::component

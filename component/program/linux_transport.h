@@ -11,18 +11,21 @@ namespace pegeir::component {
 class LinuxTransport : public Transport {
 public:
     /* id is this process's address; onWritable is called as the server asks for it. */
-    LinuxTransport(uint32_t id, std::function<void(uint32_t consumer)> onWritable, ConsumerLog log);
+    LinuxTransport(uint32_t id, std::function<void(uint32_t consumer)> onWritable, Clock clock,
+                   ConsumerLog log);
 
     SendResult Send(uint32_t consumer, ByteView bytes) override;
     SendResult StartOver(uint32_t consumer) override;
     bool WhenWritable(uint32_t consumer) override;
 
 private:
-    SendResult ResultOf(uint32_t code, uint32_t consumer) const;
+    SendResult ResultOf(uint32_t code, uint32_t consumer);
 
     uint32_t id_;
     std::function<void(uint32_t)> onWritable_;
+    Clock clock_;
     ConsumerLog log_;
+    SeldomLog failures_;
 };
 
 } // namespace pegeir::component

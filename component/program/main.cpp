@@ -21,6 +21,7 @@
 #include <memory>
 #include <pegeir/linux.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -129,6 +130,15 @@ int MakeSignals() {
                                                           : -1;
 }
 
+/* Each consumer takes a few descriptors; the soft limit is there for programs that cannot cope with many. */
+void RaiseDescriptorLimit() {
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        (void)setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 class Program {
 public:
     explicit Program(Options options);
@@ -186,7 +196,7 @@ Program::Program(Options options)
       tick_(MakeTimer(kTickMs)),
       changeTimer_(options_.changeEveryMs != 0 ? MakeTimer(options_.changeEveryMs) : -1),
       transport_(
-          options_.id, [this](uint32_t consumer) { server_.OnWritable(consumer); }, consumerLog_),
+          options_.id, [this](uint32_t consumer) { server_.OnWritable(consumer); }, NowMs, consumerLog_),
       server_(transport_, catalog_, NowMs, consumerLog_) {}
 
 int Program::Run() {
@@ -337,6 +347,7 @@ int main(int argc, char **argv) {
     using namespace pegeir::component;
     PEGEIR_LinuxOpenStandardStreams();   /* before anything else takes their numbers */
     (void)std::signal(SIGPIPE, SIG_IGN); /* a log whose reader has gone must not end us */
+    RaiseDescriptorLimit();
     try {
         Options options;
         if (const std::optional<int> code = ReadOptions(argc, argv, options)) {

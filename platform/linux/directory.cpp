@@ -109,8 +109,11 @@ bool PrepareDirectory(const std::string &wanted, std::string &resolved, std::str
     return true;
 }
 
-std::optional<Presence> LookForPeer(const std::string &directory, uint32_t id) {
+std::optional<Presence> LookForPeer(const std::string &directory, uint32_t id,
+                                    const std::optional<Presence> &before) {
     const Fd file(open(LockPath(directory, id).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!file.Valid() && errno != ENOENT && errno != ENOTDIR && errno != ELOOP)
+        return before; /* we cannot look, for want of a descriptor perhaps; that says nothing of the peer */
     struct stat status {};
     if (!file.Valid() || fstat(file.Get(), &status) != 0 || status.st_size == 0)
         return std::nullopt;

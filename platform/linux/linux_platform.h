@@ -114,9 +114,10 @@ struct Presence {
     bool operator==(const Presence &) const = default;
 };
 
-/* Returns who listens under id in directory.  id must not be our own: closing its lock file gives up
- * the lock. */
-std::optional<Presence> LookForPeer(const std::string &directory, uint32_t id);
+/* Returns who listens under id in directory, or before where that cannot be told now.  id must not be our
+ * own: closing its lock file gives up the lock. */
+std::optional<Presence> LookForPeer(const std::string &directory, uint32_t id,
+                                    const std::optional<Presence> &before);
 
 /*
  * The id of this process while it is taken.

@@ -103,8 +103,8 @@ void Peers::Look(uint32_t id) {
     if (found == peers_.end() || runtime_.closed)
         return;
     Peer &peer = found->second;
-    const auto presence =
-        id == runtime_.config.pid ? Presence{getpid(), 0, ""} : LookForPeer(runtime_.directory, id);
+    const auto presence = id == runtime_.config.pid ? Presence{getpid(), 0, ""}
+                                                    : LookForPeer(runtime_.directory, id, peer.presence);
     if (!presence)
         peer.link.Reset();
     if (peer.onPeer == nullptr) {
