@@ -241,7 +241,8 @@ private:
     };
     [[nodiscard]] std::vector<uint32_t> Ids() const;
     void Look(uint32_t id);
-    void Tell(uint32_t id, std::optional<Presence> presence);
+    /* presence must not be the one kept of the peer, which a callback may change. */
+    void Tell(uint32_t id, const std::optional<Presence> &presence);
     void WatchProcess(uint32_t id, Peer &peer);
 
     /* Makes sure that there is a link.  Returns false with errno. */

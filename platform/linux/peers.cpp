@@ -116,7 +116,7 @@ void Peers::Look(uint32_t id) {
         Tell(id, presence);
 }
 
-void Peers::Tell(uint32_t id, std::optional<Presence> presence) {
+void Peers::Tell(uint32_t id, const std::optional<Presence> &presence) {
     Peer &peer = peers_[id];
     const auto onPeer = peer.onPeer;
     void *const context = peer.context;
@@ -142,8 +142,10 @@ void Peers::Tell(uint32_t id, std::optional<Presence> presence) {
 
 void Peers::StartOver(uint32_t id) {
     const auto found = peers_.find(id);
-    if (found != peers_.end() && found->second.onPeer != nullptr && found->second.presence)
-        Tell(id, found->second.presence);
+    if (found == peers_.end() || found->second.onPeer == nullptr)
+        return;
+    if (const std::optional<Presence> presence = found->second.presence)
+        Tell(id, presence);
 }
 
 void Peers::StartOverAll() {

@@ -32,7 +32,8 @@ inline Head ReadHead(const uint8_t *element) {
     return {wire::LoadU16(element), wire::LoadU16(element + 2)};
 }
 
-// Calls visit(element, head) for each element of the message's body.  The head is read before the
+// Calls visit(element, head) for each element of the message's body, those that the two operations above
+// would return; in one piece, because a download walks over a million of them.  The head is read before the
 // visit, which may rewrite it.
 template <typename Visit>
 void ForEach(void *message, Visit visit) {
@@ -41,11 +42,15 @@ void ForEach(void *message, Visit visit) {
         return; // there is no body
     }
     uint8_t *body = static_cast<uint8_t *>(message) + NDPI_HEADER_LEN;
-    const int32_t length = msgLen - NDPI_HEADER_LEN;
-    for (uint8_t *element = ND_LIB_GetFirstTlv(body, length, 1); element != nullptr;) {
-        const Head head = ReadHead(element);
-        visit(element, head);
-        element = ND_LIB_GetNextTlv(body, length, element, 1, head.tlvLen);
+    const uint32_t length = msgLen - NDPI_HEADER_LEN;
+    for (uint32_t offset = 0; offset + ndpi::kTlvHeadLen <= length;) {
+        const Head head = ReadHead(body + offset);
+        const uint32_t end = offset + ndpi::kTlvHeadLen + head.tlvLen;
+        if (end > length) {
+            return;
+        }
+        visit(body + offset, head);
+        offset = end;
     }
 }
 
