@@ -194,6 +194,8 @@ TEST_F(Linux, RefusesStrangersAndGarbage) {
         cases.push_back({name, head, "no socket of a pegeir process"});
     if (geteuid() == 0)
         cases.push_back({"12.1.sock", head, "another user", SCM_CREDENTIALS});
+    Start(13); // whose name somebody else binds
+    cases.push_back({"13.1.sock", head, "another process has"});
     for (const Case &entry : cases) {
         g_reports.clear();
         ASSERT_EQ(Open(directory, 1), "");

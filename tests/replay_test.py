@@ -21,7 +21,7 @@ REPLAY, COMPONENT, WATCH, COMPILE, LINK, EMULATOR = sys.argv[1:7]
 PCAP = struct.Struct("=IHHiIII")
 RECORD = struct.Struct("=IIII")
 HEAD = struct.Struct(">3sBBBHIIIIIIIII")
-MESSAGE, PEER, IN, OUT = 3, 4, 1, 2
+MESSAGE, PEER, CLOCK, IN, OUT = 3, 4, 7, 1, 2
 RESULT = 10  # in a head
 
 
@@ -108,6 +108,19 @@ def check_equal(consumer):
     assert objects[-1]["equal"] and objects[-1]["messages"] == len(sent)
     reports = "".join(one["text"] for one in objects if one["event"] == "diagnose")
     assert "FSM statistic" in reports and "FSM blackbox info" in reports
+
+
+def check_clock(consumer):
+    """A second that began between a delivery and the library's look at the clock."""
+    packets = load(consumer)
+    at = next(i for i, packet in enumerate(packets) if packet.head[2:4] == [MESSAGE, IN]) + 1
+    clock = Packet(packets[at - 1].stamp, packets[at - 1].raw())
+    clock.head[2], clock.head[5:10], clock.data = CLOCK, [clock.head[6], 0, 0, 0, 0], b""
+    packets.insert(at, clock)
+    for number, packet in enumerate(packets):
+        packet.head[13] = number
+    code, text, errors = replay(pcap(packet.raw() for packet in packets))
+    assert (code, errors) == (0, ""), (code, text[-2000:], errors)
 
 
 def check_differences(consumer):
@@ -211,6 +224,7 @@ def check_to_test(consumer):
 with tempfile.TemporaryDirectory() as scratch:
     recordings = record(pathlib.Path(scratch))
     check_equal(recordings[0])
+    check_clock(recordings[0])
     check_differences(recordings[0])
     check_bad_files(*recordings)
     check_mutants(recordings[0])

@@ -191,11 +191,13 @@ public:
 
 private:
     bool ReceiveOne();
+    [[nodiscard]] bool IsOwner(uint32_t sender, pid_t pid);
     void Refuse(const std::string &text);
 
     Runtime &runtime_;
     std::vector<uint8_t> buffer_;
-    uint64_t refused_ = 0; /* since the last report */
+    std::map<uint32_t, pid_t> owners_; /* of ids that something came from */
+    uint64_t refused_ = 0;             /* since the last report */
     std::string lastRefusal_;
     std::chrono::steady_clock::time_point nextReport_{};
 };

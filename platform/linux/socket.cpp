@@ -91,6 +91,8 @@ bool Inbox::ReceiveOne() {
         fault = "it carries file descriptors";
     else if (!sender)
         fault = "it comes from no socket of a pegeir process";
+    else if (!IsOwner(*sender, origin.pid))
+        fault = "it comes in the name of an id that another process has";
     else
         fault = DecodePacket(std::span(buffer_).first(static_cast<size_t>(got)), packet);
     if (fault == nullptr && packet.head.receiverIid == kStartOverIid) {
@@ -107,6 +109,23 @@ bool Inbox::ReceiveOne() {
     std::copy(packet.data.begin(), packet.data.end(), data);
     runtime_.Deliver(data); /* once that has closed the runtime there is no socket to read from */
     return true;
+}
+
+/*
+ * A name can be bound by any process of ours, an id is held by one.  Who had it when it was last looked at is
+ * believed; nobody having it is no reason to refuse, because its process may have ended since.
+ */
+bool Inbox::IsOwner(uint32_t sender, pid_t pid) {
+    if (sender == runtime_.config.pid)
+        return pid == getpid();
+    const auto known = owners_.find(sender);
+    if (known != owners_.end() && known->second == pid)
+        return true;
+    const auto presence = LookForPeer(runtime_.directory, sender, std::nullopt);
+    const bool isTold = presence && presence->holder > 0 && pid > 0;
+    if (isTold && presence->holder == pid)
+        owners_[sender] = pid;
+    return !isTold || presence->holder == pid;
 }
 
 void Inbox::Refuse(const std::string &text) {

@@ -34,8 +34,10 @@ struct Packet {
     uint32_t number = 0;
     Bytes data;
 
-    // The process that recorded it.
-    [[nodiscard]] uint32_t Process() const { return direction == PEGEIR_CAPTURE_IN ? receiver : sender; }
+    // The process that recorded it.  A reading of the clock comes in, too, but from nobody.
+    [[nodiscard]] uint32_t Process() const {
+        return direction == PEGEIR_CAPTURE_IN && kind != PEGEIR_CAPTURE_CLOCK ? receiver : sender;
+    }
     [[nodiscard]] bool Is(uint8_t aKind, uint8_t aDirection) const {
         return kind == aKind && direction == aDirection;
     }
